@@ -1,0 +1,50 @@
+// The normal density with the program's own normalising constant, the mixture
+// log-likelihood and maximum-posterior classification.
+#pragma once
+
+#include <vector>
+
+#include "common/matrix.h"
+#include "mixture/records.h"
+
+namespace mixrank {
+
+// The normalising constant 6.283186 raised to the truncated integer power p/2.
+// Kept as the program has always used it (not 2*pi to the power p/2): the
+// kernel and all model densities share it.
+double normal_constant(int p);
+
+// Normal density of x with mean mew, given the INVERSE covariance.
+double MVNpdf(const RowVector& x, const RowVector& mew, const Matrix& sigmainv);
+
+// The same density with the inverse and its determinant prepared once, for
+// loops over many observations. Evaluates in the same order as MVNpdf.
+class NormalDensity {
+public:
+    NormalDensity() = default;
+    explicit NormalDensity(const Matrix& sigmainv);
+    // x and mean point at p consecutive doubles (for example a row of a
+    // matrix's row-major Store()).
+    double operator()(const Real* x, const Real* mean) const;
+    int dimension() const { return p_; }
+
+private:
+    int p_ = 0;
+    std::vector<double> inv_;  // p x p, row-major
+    double sqrt_det_ = 0.0;
+    double constant_ = 1.0;
+    mutable std::vector<double> diff_;
+};
+
+// Densities of every component of a fit, each with its inverse prepared once.
+std::vector<NormalDensity> component_densities(const emstruct& fit);
+std::vector<NormalDensity> component_densities(const emstructuneq& fit);
+
+double log_likelihood(const Matrix& x, const emstruct& final);
+double log_likelihood(const Matrix& x, const emstructuneq& final);
+
+// Labels 1..K of the largest pi_k f_k(x_i); both print "k=" K first.
+ColumnVector posterior(const Matrix& x, const emstruct& final);
+ColumnVector posterior2(const Matrix& x, const emstructuneq& final);
+
+}  // namespace mixrank
