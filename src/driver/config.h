@@ -1,0 +1,36 @@
+// Run configuration: defaults, help check, option scan, the first part of the
+// interactive dialogue, and seeding of the drand48 stream.
+#pragma once
+
+#include <iosfwd>
+#include <string>
+
+namespace mixrank {
+
+struct RunConfig {
+    std::string datafile = "sample.dat";
+    std::string paramfile = "sample.param";
+    char method = 'E';        // 'E' common covariance, 'U' one per component
+    std::string Methodname;   // "equal"/"unequal" only after -e/-u; else empty
+    char EstMethod = 'N';     // 'Y' read paramfile, 'N' own EM, 'E' external
+    int max = 6;              // largest number of components G
+    int nokmn = 10;           // K-means starts
+    int nornd = 10;           // random starts
+    int nocommandline = 1;    // 1: interactive dialogue
+    bool output = false;      // -o: accepted, read by nothing
+    int obs1 = 0;             // "dummy:obs :" answer, never used
+};
+
+// Prints the 28-line usage text to out and ends the run with status 1.
+[[noreturn]] void Usage(std::ostream& out);
+
+// Builds the configuration from the command line (and, in interactive mode,
+// from the answers read from in), sets the process-wide obs, dim, h and seed,
+// and seeds drand48. Prompts and messages go to out.
+RunConfig configure(int argc, char** argv, std::istream& in, std::ostream& out);
+
+// Refuses a largest component count the component-covariance model cannot
+// hold (RunError); 'where' names the option or prompt that set it.
+void check_max(const RunConfig& config, const std::string& where);
+
+}  // namespace mixrank

@@ -1,0 +1,13 @@
+// Kernel quadratic distance between the data and a fitted mixture.
+#pragma once
+
+#include "common/matrix.h"
+#include "mixture/records.h"
+
+namespace mixrank {
+
+// knew_total is the sum of all entries of the kernel matrix of x.
+double distance(const Matrix& x, const emstruct& final, int component, double knew_total);
+double distance(const Matrix& x, const emstructuneq& final, int component, double knew_total);
+
+}  // namespace mixrank
