@@ -223,16 +223,6 @@ TEST(Linkage, RuleLetters)
         EXPECT_EQ(labels(linkage(x3, 2, type)), (std::vector<int>{1, 1, 2, 2})) << type;
 }
 
-TEST(Linkage, OnlyTheMergedColumnIsUpdated)
-{
-    // The first merge joins slots 3 and 1 (25, the first of two equal
-    // values). Under 'c' the zero between points 1 and 2 goes into entry
-    // (2, 3) of the merged column, above the diagonal; row 3 keeps 25 towards
-    // point 2 in the lower triangle, so everything still merges.
-    const Matrix x = column({0, 0, 5});
-    EXPECT_EQ(labels(linkage(x, 1, 'c')), (std::vector<int>{1, 1, 1}));
-}
-
 TEST(Linkage, EqualDistancesMergeLowestRowThenColumnFirst)
 {
     // All pairs at the same distance: the first merge is (2, 1), and under
@@ -246,7 +236,11 @@ TEST(Linkage, IdenticalPointsAreNeverPairedDirectly)
 {
     // Distance 0 is not a candidate: the first merge joins points 3 and 1,
     // which then live in slot 3, so point 2 alone in slot 2 gets label 1.
+    // Under 'c' the zero between points 1 and 2 goes into entry (2, 3) of
+    // the merged column, above the diagonal; row 3 keeps 25 towards point 2,
+    // so everything still merges.
     EXPECT_EQ(labels(linkage(column({0, 0, 5}), 2, 's')), (std::vector<int>{2, 1, 2}));
+    EXPECT_EQ(labels(linkage(column({0, 0, 5}), 1, 'c')), (std::vector<int>{1, 1, 1}));
 
     // Points 1 and 2 merge into slot 2; under 'c' the zero between points 1
     // and 3 spreads to entry (3, 2), nothing positive is left and merging
