@@ -1,0 +1,117 @@
+#include "risk/distance.h"
+
+#include <cmath>
+#include <vector>
+
+#include "common/settings.h"
+#include "mixture/density.h"
+#include "risk/model_shape.h"
+
+namespace mixrank {
+
+namespace {
+
+// The unbiased (U-statistic) form leaves out the diagonal of the kernel. It
+// is kept for reference and switched off: the distance is always the biased
+// form with the diagonal included.
+constexpr bool kUnbiased = false;
+
+// h^2 times the d x d identity.
+void bandwidth_matrix(int d, Matrix& sig)
+{
+    sig.ReSize(d, d);
+    sig = 0.0;
+    for (int p = 1; p <= d; ++p) sig(p, p) = h * h;
+}
+
+const Real* mean_row(const Matrix& mu, int k) { return mu.Store() + (k - 1) * mu.Ncols(); }
+
+// kx(i) = sum over k of prop(k) N(x_i; mu_k, Sigma_k + h^2 I), with
+// dens[k - 1] the density of that widened covariance.
+std::vector<double> kernel_against_model(const Matrix& x, const Matrix& mu, const ColumnVector& prop,
+                                         int g, const std::vector<NormalDensity>& dens)
+{
+    const int n = x.Nrows(), d = x.Ncols();
+    const Real* xs = x.Store();
+    std::vector<double> kx(n, 0.0);
+    for (int i = 0; i < n; ++i)
+        for (int k = 1; k <= g; ++k)
+            kx[i] = prop(k) * dens[k - 1](xs + i * d, mean_row(mu, k)) + kx[i];
+    return kx;
+}
+
+// Sum over i, j of K(x_i, x_j) - kx(i) - kx(j) + kk divided by n^2, formed
+// from the kernel's total instead of visiting every pair.
+double centred_mean(const std::vector<double>& kx, double kk, double knew_total, int d)
+{
+    const int n = static_cast<int>(kx.size());
+    double sum_kx = 0.0;
+    for (double v : kx) sum_kx += v;
+    if (kUnbiased) {
+        // Pairs j < i only: every diagonal kernel entry is 1/(h^d c).
+        const double diagonal = n / (std::pow(h, static_cast<double>(d)) * normal_constant(d));
+        const double kstar_sum =
+            (knew_total - diagonal) / 2.0 - (n - 1) * sum_kx + (n * (n - 1) / 2.0) * kk;
+        return (kstar_sum + kstar_sum) / (n * (n - 1));
+    }
+    const double kstar_sum =
+        knew_total - 2.0 * n * sum_kx + static_cast<double>(n * n) * kk;
+    return kstar_sum / (n * n);
+}
+
+}  // namespace
+
+double distance(const Matrix& x, const emstruct& final, int component, double knew_total)
+{
+    check_model_shape(x, final, component);
+    const int d = x.Ncols(), g = component;
+    Matrix sig;
+    bandwidth_matrix(d, sig);
+    const Matrix& mu = final.mu;
+    const ColumnVector& prop = final.pi;
+    const Matrix& var = final.sigma;
+
+    Matrix newsigmainverse = (var + sig).i();
+    const std::vector<double> kx =
+        kernel_against_model(x, mu, prop, g, std::vector<NormalDensity>(g, NormalDensity(newsigmainverse)));
+
+    newsigmainverse = (2.0 * var + sig).i();
+    const NormalDensity twice(newsigmainverse);
+    double kk = 0.0;
+    for (int k = 1; k <= g; ++k) {
+        kk += prop(k) * prop(k) * twice(mean_row(mu, k), mean_row(mu, k));
+        for (int l = 1; l < k; ++l)
+            kk += (2 * prop(k)) * prop(l) * twice(mean_row(mu, k), mean_row(mu, l));
+    }
+    return centred_mean(kx, kk, knew_total, d);
+}
+
+double distance(const Matrix& x, const emstructuneq& final, int component, double knew_total)
+{
+    check_model_shape(x, final, component);
+    const int d = x.Ncols(), g = component;
+    Matrix sig;
+    bandwidth_matrix(d, sig);
+    const Matrix& mu = final.mu;
+    const ColumnVector& prop = final.pi;
+
+    // One inverse per component serves every observation.
+    std::vector<NormalDensity> widened;
+    widened.reserve(g);
+    for (int k = 1; k <= g; ++k) widened.emplace_back((final.sigma[k].comp + sig).i());
+    const std::vector<double> kx = kernel_against_model(x, mu, prop, g, widened);
+
+    double kk = 0.0;
+    for (int k = 1; k <= g; ++k) {
+        const Matrix& sk = final.sigma[k].comp;
+        const NormalDensity self((2.0 * sk + sig).i());
+        kk += prop(k) * prop(k) * self(mean_row(mu, k), mean_row(mu, k));
+        for (int l = 1; l < k; ++l) {
+            const NormalDensity pair(((sk + final.sigma[l].comp) + sig).i());
+            kk += (2 * prop(k)) * prop(l) * pair(mean_row(mu, k), mean_row(mu, l));
+        }
+    }
+    return centred_mean(kx, kk, knew_total, d);
+}
+
+}  // namespace mixrank
