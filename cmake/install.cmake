@@ -1,0 +1,21 @@
+# The plotting helper and the install rules: `cmake --install <build> --prefix P`
+# puts mixrank and mixrank-plot into P/bin and the manual page into
+# P/share/man/man1.
+include(GNUInstallDirs)
+
+# mixrank-plot only reads a report file and drives gnuplot: no matrix library.
+add_executable(mixrank_plot ${CMAKE_SOURCE_DIR}/app/mixrank_plot.cpp)
+set_target_properties(mixrank_plot PROPERTIES OUTPUT_NAME mixrank-plot)
+
+install(TARGETS mixrank mixrank_plot RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${CMAKE_SOURCE_DIR}/doc/mixrank.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+
+# The installation test installs this build tree into a temporary prefix and
+# runs the installed programs.
+if(TARGET e2e_tests)
+  target_compile_definitions(e2e_tests PRIVATE
+    MIXRANK_BUILD_DIR="${CMAKE_BINARY_DIR}"
+    MIXRANK_CMAKE="${CMAKE_COMMAND}"
+    MIXRANK_PLOT_BINARY="$<TARGET_FILE:mixrank_plot>")
+  add_dependencies(e2e_tests mixrank_plot)
+endif()
