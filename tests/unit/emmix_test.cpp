@@ -26,11 +26,11 @@ std::vector<std::string> split_lines(const std::string& text)
     return lines;
 }
 
-std::string script_for(unsigned s, char method, const std::string& paramfile = "iris.param")
+std::string script_for(unsigned s, char method)
 {
     seed = s;
     std::ostringstream out;
-    write_answer_script(out, "iris.dat.std", paramfile, 150, 6, 4, 10, 10, method);
+    write_answer_script(out, "iris.dat.std", "iris.param", 150, 6, 4, 10, 10, method);
     return out.str();
 }
 
@@ -69,13 +69,6 @@ TEST(EmmixAnswerScript, CovarianceModelAnswer)
     EXPECT_EQ(split_lines(script_for(1, 'E'))[9], "1");
     EXPECT_EQ(split_lines(script_for(1, 'U'))[9], "2");
     EXPECT_EQ(split_lines(script_for(1, 'e'))[9], "2");
-}
-
-TEST(EmmixAnswerScript, ParameterFileNameWrittenUnchanged)
-{
-    const auto lines = split_lines(script_for(1, 'E', "my fits.param"));
-    EXPECT_EQ(lines[16], "my fits.param");
-    EXPECT_EQ(lines[17], " 0 ");
 }
 
 TEST(EmmixRun, WritesTheScriptAndFeedsItToTheProgram)
