@@ -1,0 +1,80 @@
+#include "risk/report.h"
+
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+
+#include "common/settings.h"
+
+namespace mixrank {
+
+namespace {
+
+const std::string kRuleA(83, '_');
+const std::string kRuleB(82, '_');
+const char kScreenHeading[] =
+    "No.of.Param  DISTANCE     MLF        EE       QAIC       QBIC  Likelihood      AIC      BIC ";
+const char kFileHeading[] =
+    "  No.of.Param        DISTANCE            MLF             EE           QAIC           QBIC"
+    "     Likelihood            AIC            BIC           SDOF";
+
+// nparam | DIST | MLF | EE | RISK | RISKB | LL | AIC | BIC.
+void table_columns(const RiskTable& t, Matrix& out)
+{
+    out = t.nparam | t.DIST | t.MLF | t.EE | t.RISK | t.RISKB | t.LL | t.AIC | t.BIC;
+}
+
+void screen_table(const Matrix& columns, std::ostream& out)
+{
+    out << kRuleA << "\n";
+    out << BOLD << kScreenHeading << NORMAL << "\n";
+    out << kRuleB << "\n";
+    out << std::setw(9) << std::setprecision(2) << columns;
+    out << kRuleB << "\n";
+}
+
+void write_file(const std::string& outfile, const Matrix& columns, double kxx, int rows)
+{
+    std::ofstream file(outfile, std::ios::out | std::ios::trunc);
+    if (!file) {
+        std::cout.flush();
+        std::cerr << "mixrank: cannot create the report file " << outfile
+                  << "; the table is on the screen only" << std::endl;
+        return;
+    }
+    ColumnVector kxxColumn(rows);
+    kxxColumn = kxx;
+    const Matrix all = columns | kxxColumn;
+    file << kFileHeading << NORMAL << "\n";
+    file << std::setw(14) << std::setprecision(8) << all;
+}
+
+}  // namespace
+
+std::string report_file_name(const std::string& datafile, const std::string& Methodname,
+                             std::ostream& out)
+{
+    const std::string::size_type found = datafile.find(".dat", 0);
+    const int datpos = found == std::string::npos ? -1 : static_cast<int>(found);
+    std::string headfile = datafile;
+    if (datpos > 0) {
+        out << "..........." << datpos;
+        headfile = datafile.substr(0, datpos);
+    }
+    return headfile + "." + Methodname + ".risk";
+}
+
+std::string report(const RiskTable& table, double kxx, int max, const std::string& datafile,
+                   const std::string& Methodname, std::ostream& out)
+{
+    const int rows = max > 0 ? max : 0;
+    if (table.nparam.Nrows() != rows) throw RunError("the result table does not hold one row per model");
+    Matrix columns;
+    table_columns(table, columns);
+    screen_table(columns, out);
+    const std::string outfile = report_file_name(datafile, Methodname, out);
+    write_file(outfile, columns, kxx, rows);
+    return outfile;
+}
+
+}  // namespace mixrank

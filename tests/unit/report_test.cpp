@@ -1,0 +1,137 @@
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <limits>
+#include <sstream>
+
+#include "common/settings.h"
+#include "risk/report.h"
+
+using namespace mixrank;
+
+namespace {
+
+const double NaN = std::numeric_limits<double>::quiet_NaN();
+
+ColumnVector column(double first, double second)
+{
+    ColumnVector v(2);
+    v(1) = first;
+    v(2) = second;
+    return v;
+}
+
+RiskTable small_table()
+{
+    RiskTable t;
+    t.nparam = column(5, 8);
+    t.DIST = column(1.234, 12345.678);
+    t.MLF = column(-0.5, NaN);
+    t.EE = column(2.25, 0.004);
+    t.RISK = column(1.75, -0.004);
+    t.RISKB = column(3.126, 123456789.5);
+    t.LL = column(-120.456, 0);
+    t.AIC = column(250.912, 0.001);
+    t.BIC = column(263.94, 7);
+    return t;
+}
+
+const std::string kScreen =
+    std::string(83, '_') + "\n" +
+    "\x1b[1mNo.of.Param  DISTANCE     MLF        EE       QAIC       QBIC  Likelihood      AIC      BIC "
+    "\x1b[m\n" +
+    std::string(82, '_') + "\n" +
+    "     5.00      1.23     -0.50      2.25      1.75      3.13   -120.46    250.91    263.94 \n"
+    "     8.00  12345.68       nan      0.00     -0.00 123456789.50      0.00      0.00      7.00 \n" +
+    std::string(82, '_') + "\n";
+
+const std::string kFile =
+    "  No.of.Param        DISTANCE            MLF             EE           QAIC           QBIC"
+    "     Likelihood            AIC            BIC           SDOF\x1b[m\n"
+    "    5.00000000     1.23400000    -0.50000000     2.25000000     1.75000000     3.12600000 "
+    " -120.45600000   250.91200000   263.94000000     7.50000000 \n"
+    "    8.00000000 12345.67800000            nan     0.00400000    -0.00400000 123456789.50000000 "
+    "    0.00000000     0.00100000     7.00000000     7.50000000 \n";
+
+class TempDir {
+public:
+    TempDir()
+    {
+        char name[] = "/tmp/mixrank_report_XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~TempDir() { std::filesystem::remove_all(path); }
+    std::string path;
+};
+
+std::string read_file(const std::string& name)
+{
+    std::ifstream in(name, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+std::string file_name(const std::string& datafile, const std::string& method, std::string* printed = nullptr)
+{
+    std::ostringstream out;
+    const std::string name = report_file_name(datafile, method, out);
+    if (printed) *printed = out.str();
+    return name;
+}
+
+}  // namespace
+
+TEST(ReportFileName, CutAtTheFirstDatAfterTheStart)
+{
+    std::string printed;
+    EXPECT_EQ(file_name("sample.dat", "equal", &printed), "sample.equal.risk");
+    EXPECT_EQ(printed, "...........6");
+    EXPECT_EQ(file_name("iris.dat", "", &printed), "iris..risk");
+    EXPECT_EQ(printed, "...........4");
+    EXPECT_EQ(file_name("my.data.dat", "equal", &printed), "my.equal.risk");
+    EXPECT_EQ(printed, "...........2");
+    EXPECT_EQ(file_name("points.txt", "equal", &printed), "points.txt.equal.risk");
+    EXPECT_EQ(printed, "");
+    EXPECT_EQ(file_name(".dat", "equal", &printed), ".dat.equal.risk");
+    EXPECT_EQ(printed, "");
+    EXPECT_EQ(file_name("x.dat", "unequal"), "x.unequal.risk");
+}
+
+TEST(Report, ScreenTableAndFileBytes)
+{
+    TempDir dir;
+    const std::string datafile = dir.path + "/tab.dat";
+    const std::string expected_name = dir.path + "/tab.equal.risk";
+    {
+        std::ofstream old(expected_name);
+        old << std::string(5000, 'x') << "\n";  // a longer earlier report is replaced
+    }
+    std::ostringstream out;
+    EXPECT_EQ(report(small_table(), 7.5, 2, datafile, "equal", out), expected_name);
+    EXPECT_EQ(out.str(), kScreen + "..........." + std::to_string(dir.path.size() + 4));
+    EXPECT_EQ(read_file(expected_name), kFile);
+    // The table's precision stays set on the stream.
+    EXPECT_EQ(out.precision(), 2);
+}
+
+TEST(Report, UncreatableFileIsReportedAndTheScreenTableStays)
+{
+    std::ostringstream out;
+    std::ostringstream err;
+    std::streambuf* old = std::cerr.rdbuf(err.rdbuf());
+    const std::string name = report(small_table(), 7.5, 2, "/nonexistent-dir/tab.dat", "equal", out);
+    std::cerr.rdbuf(old);
+    EXPECT_EQ(name, "/nonexistent-dir/tab.equal.risk");
+    EXPECT_EQ(out.str(), kScreen + "...........20");
+    const std::string warning = err.str();
+    EXPECT_NE(warning.find("/nonexistent-dir/tab.equal.risk"), std::string::npos);
+    EXPECT_EQ(std::count(warning.begin(), warning.end(), '\n'), 1);
+}
