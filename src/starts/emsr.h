@@ -3,11 +3,32 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "common/matrix.h"
 
 namespace mixrank {
 
 void emsr(const Matrix& x, const std::string& paramfile, int max, int kmn, int rnd, char method);
+
+// Running choice of the best start in table order. The best log-likelihood
+// is held in single precision: a later start wins when its loglik is
+// strictly above the rounded best, so ties keep the earlier start, NaN never
+// wins (and a NaN first start blocks all), and an abandoned fit (-9e+100,
+// minus infinity once rounded) loses to any later start.
+class BestStart {
+public:
+    // Offers the next start's loglik; true when it becomes the best.
+    bool offer(double loglik);
+    int index() const { return maxi_; }
+
+private:
+    int count_ = 0;
+    int maxi_ = 0;
+    float maxlikelihood_ = 0.0f;
+};
+
+// Index (0-based) of the start the table order and the rule above select.
+int best_start(const std::vector<double>& logliks);
 
 }  // namespace mixrank
