@@ -10,7 +10,6 @@
 // matrix operations.
 #pragma once
 
-#include <iostream>
 #include <vector>
 
 #include "common/matrix.h"
