@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -13,6 +12,7 @@
 
 #include "common/settings.h"
 #include "risk/report.h"
+#include "risk_support.h"
 
 using namespace mixrank;
 
@@ -23,8 +23,7 @@ const double NaN = std::numeric_limits<double>::quiet_NaN();
 ColumnVector column(double first, double second)
 {
     ColumnVector v(2);
-    v(1) = first;
-    v(2) = second;
+    v << first << second;
     return v;
 }
 
@@ -79,30 +78,23 @@ std::string read_file(const std::string& name)
     return s.str();
 }
 
-std::string file_name(const std::string& datafile, const std::string& method, std::string* printed = nullptr)
+// The report file's name, followed by what was printed while finding it.
+std::string file_name(const std::string& datafile, const std::string& method)
 {
     std::ostringstream out;
     const std::string name = report_file_name(datafile, method, out);
-    if (printed) *printed = out.str();
-    return name;
+    return name + " " + out.str();
 }
 
 }  // namespace
 
 TEST(ReportFileName, CutAtTheFirstDatAfterTheStart)
 {
-    std::string printed;
-    EXPECT_EQ(file_name("sample.dat", "equal", &printed), "sample.equal.risk");
-    EXPECT_EQ(printed, "...........6");
-    EXPECT_EQ(file_name("iris.dat", "", &printed), "iris..risk");
-    EXPECT_EQ(printed, "...........4");
-    EXPECT_EQ(file_name("my.data.dat", "equal", &printed), "my.equal.risk");
-    EXPECT_EQ(printed, "...........2");
-    EXPECT_EQ(file_name("points.txt", "equal", &printed), "points.txt.equal.risk");
-    EXPECT_EQ(printed, "");
-    EXPECT_EQ(file_name(".dat", "equal", &printed), ".dat.equal.risk");
-    EXPECT_EQ(printed, "");
-    EXPECT_EQ(file_name("x.dat", "unequal"), "x.unequal.risk");
+    EXPECT_EQ(file_name("sample.dat", "equal"), "sample.equal.risk ...........6");
+    EXPECT_EQ(file_name("iris.dat", ""), "iris..risk ...........4");
+    EXPECT_EQ(file_name("my.data.dat", "unequal"), "my.unequal.risk ...........2");
+    EXPECT_EQ(file_name("points.txt", "equal"), "points.txt.equal.risk ");
+    EXPECT_EQ(file_name(".dat", "equal"), ".dat.equal.risk ");
 }
 
 TEST(Report, ScreenTableAndFileBytes)
@@ -125,10 +117,8 @@ TEST(Report, ScreenTableAndFileBytes)
 TEST(Report, UncreatableFileIsReportedAndTheScreenTableStays)
 {
     std::ostringstream out;
-    std::ostringstream err;
-    std::streambuf* old = std::cerr.rdbuf(err.rdbuf());
+    risk_support::Capture err(std::cerr);
     const std::string name = report(small_table(), 7.5, 2, "/nonexistent-dir/tab.dat", "equal", out);
-    std::cerr.rdbuf(old);
     EXPECT_EQ(name, "/nonexistent-dir/tab.equal.risk");
     EXPECT_EQ(out.str(), kScreen + "...........20");
     const std::string warning = err.str();
