@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <limits>
@@ -12,6 +9,7 @@
 
 #include "common/settings.h"
 #include "risk/report.h"
+#include "io_scratch.h"
 #include "risk_support.h"
 
 using namespace mixrank;
@@ -59,25 +57,6 @@ const std::string kFile =
     "    8.00000000 12345.67800000            nan     0.00400000    -0.00400000 123456789.50000000 "
     "    0.00000000     0.00100000     7.00000000     7.50000000 \n";
 
-class TempDir {
-public:
-    TempDir()
-    {
-        char name[] = "/tmp/mixrank_report_XXXXXX";
-        path = mkdtemp(name);
-    }
-    ~TempDir() { std::filesystem::remove_all(path); }
-    std::string path;
-};
-
-std::string read_file(const std::string& name)
-{
-    std::ifstream in(name, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 // The report file's name, followed by what was printed while finding it.
 std::string file_name(const std::string& datafile, const std::string& method)
 {
@@ -99,19 +78,14 @@ TEST(ReportFileName, CutAtTheFirstDatAfterTheStart)
 
 TEST(Report, ScreenTableAndFileBytes)
 {
-    TempDir dir;
-    const std::string datafile = dir.path + "/tab.dat";
-    const std::string expected_name = dir.path + "/tab.equal.risk";
-    {
-        std::ofstream old(expected_name);
-        old << std::string(5000, 'x') << "\n";  // a longer earlier report is replaced
-    }
+    const io_scratch::ScratchDir dir;
+    const io_scratch::InDirectory here(dir.path());
+    dir.write("tab.equal.risk", std::string(5000, 'x'));  // a longer earlier report is replaced
     std::ostringstream out;
-    EXPECT_EQ(report(small_table(), 7.5, 2, datafile, "equal", out), expected_name);
-    EXPECT_EQ(out.str(), kScreen + "..........." + std::to_string(dir.path.size() + 4));
-    EXPECT_EQ(read_file(expected_name), kFile);
-    // The table's precision stays set on the stream.
-    EXPECT_EQ(out.precision(), 2);
+    EXPECT_EQ(report(small_table(), 7.5, 2, "tab.dat", "equal", out), "tab.equal.risk");
+    EXPECT_EQ(out.str(), kScreen + "...........3");
+    EXPECT_EQ(dir.read("tab.equal.risk"), kFile);
+    EXPECT_EQ(out.precision(), 2);  // the table's precision stays set on the stream
 }
 
 TEST(Report, UncreatableFileIsReportedAndTheScreenTableStays)
