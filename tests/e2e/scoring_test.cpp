@@ -101,7 +101,7 @@ TEST(ScoringStoredModels, CommonCovarianceTwoDimensionsReport)
     EXPECT_NE(r.out.find("Unbiased of the Sdof =" + ESC + "[1m"), std::string::npos);
 
     // The screen table shows the same numbers with two decimals.
-    const auto scr = r.out.find("__\n    5.00 ");
+    const auto scr = r.out.find("__\n     5.00 ");
     ASSERT_NE(scr, std::string::npos) << r.out;
     EXPECT_NE(r.out.find("\n" + std::string(54, '_') + "\n"), std::string::npos);
 
@@ -116,7 +116,7 @@ TEST(ScoringStoredModels, ComponentCovariancesOneDimensionAndNoModelName)
     Workdir w;
     w.write("line.dat", make_data(30, 1));
     // g = 1 and g = 2 with one variance per component.
-    w.write("line.param", "1.2 \n1.0 \n0.3 \n0.2 \n2.2 \n0.4 \n0.5 0.5 \n");
+    w.write("line.param", "1.2 \n1.0 \n1.0 \n0.3 \n0.2 \n2.2 \n0.4 \n0.5 0.5 \n");
     const auto r = w.run({"-1", "-u", "-g", "2", "-i", "line.dat", "-p", "line.param", "-s", "1"});
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     ASSERT_TRUE(w.exists("line.unequal.risk"));
