@@ -192,6 +192,7 @@ int main(int argc, char** argv)
     if (!mkdtemp(tmpl)) return 1;
     const std::string dir = tmpl;
     std::printf("%8s  %-12s %10s %12s\n", "n", "run", "wall s", "peak MB");
+    std::fflush(stdout);  // the children must not inherit buffered output
     for (int n : sizes) {
         const std::string datafile = dir + "/bench.dat";
         std::ofstream(datafile) << synthetic_data(n);

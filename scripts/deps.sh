@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, when missing.
 set -euo pipefail
-packages=(cmake g++ make libnewmat10-dev libgtest-dev googletest gnuplot-nox "$@")
+packages=(cmake g++ make libnewmat10-dev libopenblas-dev libgtest-dev googletest gnuplot-nox "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
