@@ -1,9 +1,11 @@
 #include "driver/config.h"
 
+#include <cmath>
 #include <cstdlib>
 #include <ctime>
 #include <istream>
 #include <ostream>
+#include <sstream>
 #include <string>
 
 #include "common/settings.h"
@@ -104,7 +106,32 @@ void seed_from_clock(std::ostream& out)
     out << "Using seed initialized from time =" << seed << "\n";
 }
 
+// "<what> given with -<letter> must <rule>; got <value>", or "typed in the
+// dialogue" in place of the option.
+template <class T>
+void require(bool ok, const char* what, char letter, bool typed, const char* rule, T value)
+{
+    if (ok) return;
+    std::ostringstream s;
+    s << what << (typed ? " typed in the dialogue" : std::string(" given with -") + letter)
+      << " must " << rule << "; got " << value;
+    throw RunError(s.str());
+}
+
 }  // namespace
+
+void check_settings(const RunConfig& config, bool typed)
+{
+    require(config.max >= 1, "the number of components", 'g', typed, "be at least 1", config.max);
+    require(h > 0.0 && std::isfinite(h), "the tuning parameter h", 'h', typed,
+            "be a positive number", h);
+    require(obs >= 0, "the number of observations", 'n', typed, "not be negative", obs);
+    require(dim >= 0, "the dimension", 'd', typed, "not be negative", dim);
+    require(config.nokmn >= 0, "the number of K-means starts", 'k', typed, "not be negative",
+            config.nokmn);
+    require(config.nornd >= 0, "the number of random starts", 'r', typed, "not be negative",
+            config.nornd);
+}
 
 void check_max(const RunConfig& config, const std::string& where)
 {

@@ -33,4 +33,10 @@ RunConfig configure(int argc, char** argv, std::istream& in, std::ostream& out);
 // hold (RunError); 'where' names the option or prompt that set it.
 void check_max(const RunConfig& config, const std::string& where);
 
+// Refuses (RunError) settings no run can use: fewer than one component, a
+// tuning parameter h that is not a positive finite number, a negative number
+// of observations, dimension or starts. The message names the option, or the
+// dialogue when the values were typed there.
+void check_settings(const RunConfig& config, bool typed);
+
 }  // namespace mixrank

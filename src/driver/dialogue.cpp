@@ -25,6 +25,7 @@ void ask_max(RunConfig& config, std::istream& in, std::ostream& out)
 {
     ask(in, out, "\n\nMax no.  of components to be fitted:", "the number of components", config.max);
     check_max(config, "the number of components typed in the dialogue");
+    check_settings(config, true);
 }
 
 void ask_source(RunConfig& config, std::istream& in, std::ostream& out)
@@ -40,6 +41,7 @@ void ask_starts(RunConfig& config, std::istream& in, std::ostream& out)
 {
     ask(in, out, "\nNo of Random Starts:", "the number of random starts", config.nornd);
     ask(in, out, "\nNo of kmeans start:", "the number of K-means starts", config.nokmn);
+    check_settings(config, true);
 }
 
 }  // namespace mixrank

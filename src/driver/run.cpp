@@ -14,6 +14,7 @@
 #include "common/settings.h"
 #include "driver/config.h"
 #include "driver/dialogue.h"
+#include "io/data_checks.h"
 #include "io/data_reader.h"
 #include "io/emmix.h"
 #include "risk/kernel.h"
@@ -34,8 +35,9 @@ bool is_directory(const std::string& name)
     return ::stat(name.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// Reads the data (detecting n and d unless both are given), reports it and
-// scales every column to unit spread.
+// Reads the data (detecting n and d unless both are given), reports it,
+// refuses data that cannot be scaled or scored, and scales every column to
+// unit spread. Nothing has been written when a refusal ends the run here.
 void read_and_scale(const RunConfig& config, Matrix& x)
 {
     std::ifstream probe(config.datafile, std::ios::in | std::ios::binary);
@@ -53,6 +55,7 @@ void read_and_scale(const RunConfig& config, Matrix& x)
     }
     std::cout << "Read  " << obs << "  data points of dimension  " << dim
               << " from file:" << config.datafile << std::endl;
+    check_data(x, config.datafile);
     scale_columns(x);
 }
 
@@ -69,17 +72,30 @@ KernelSummary build_kernel(const Matrix& x, Matrix& kstar)
     return kernel;
 }
 
-// Writes the scaled data in the parameter file's number format.
-void write_scaled_copy(std::ofstream& std_copy, const Matrix& x)
+// Writes the scaled data in the parameter file's number format. A copy that
+// cannot be written ends the run before the parameter file is touched.
+void write_scaled_copy(std::ofstream& std_copy, const Matrix& x, const std::string& datafile_std)
 {
-    std_copy << x;
+    if (std_copy) std_copy << x;
+    if (!std_copy) throw RunError("cannot write the scaled data copy '" + datafile_std + "'");
+}
+
+// The K-means starts split the data into 2..max groups, each smaller than n;
+// refused here, before the parameter file is opened for writing.
+void check_kmeans_groups(const RunConfig& config)
+{
+    if (config.nokmn <= 0 || config.max < 2 || config.max < obs) return;
+    throw RunError("the K-means starts cannot split " + std::to_string(obs) +
+                   " observations into " + std::to_string(config.max) +
+                   " groups: ask for fewer components than observations, or for no K-means starts");
 }
 
 void estimate(RunConfig& config, const Matrix& x, const std::string& datafile_std, char which)
 {
     std::ofstream std_copy(datafile_std, std::ios::out | std::ios::trunc);
-    write_scaled_copy(std_copy, x);
+    write_scaled_copy(std_copy, x, datafile_std);
     if (config.nocommandline == 1) ask_starts(config, std::cin, std::cout);
+    if (which == 'N') check_kmeans_groups(config);
     if (which == 'E') {
         std::cout << "STARTED  EMMIX   (parameters stored in)   " << config.paramfile << std::endl;
         emmix(datafile_std, config.paramfile, obs, config.max, dim, config.nokmn, config.nornd,
@@ -122,6 +138,8 @@ int run(int argc, char** argv)
     const std::time_t start = std::time(nullptr);
 
     RunConfig config = configure(argc, argv, std::cin, std::cout);
+    // Before any file is read: in interactive mode h, n and d were typed.
+    check_settings(config, config.nocommandline == 1);
 
     Matrix x;
     read_and_scale(config, x);

@@ -1,0 +1,70 @@
+#include "io/data_checks.h"
+
+#include <cmath>
+#include <sstream>
+
+#include "common/settings.h"
+#include "risk/kernel.h"
+
+namespace mixrank {
+
+namespace {
+
+void check_size(const Matrix& x, const std::string& datafile)
+{
+    if (x.Nrows() < kMinObservations)
+        throw RunError("the data file '" + datafile + "' gives " + std::to_string(x.Nrows()) +
+                       " observation(s); mixrank needs at least " +
+                       std::to_string(kMinObservations) + " observations");
+    if (x.Ncols() < 1) throw RunError("the data file '" + datafile + "' holds no numbers");
+}
+
+// The first value, row by row, that is NaN or infinite.
+void check_finite(const Matrix& x, const std::string& datafile)
+{
+    const Real* v = x.Store();
+    const int n = x.Nrows(), d = x.Ncols();
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < d; ++j)
+            if (!std::isfinite(v[i * d + j]))
+                throw RunError("row " + std::to_string(i + 1) + ", column " +
+                               std::to_string(j + 1) + " of the data file '" + datafile +
+                               "' is not a finite number (text, nan, inf, or the file ends early)");
+}
+
+bool constant(const ColumnVector& c)
+{
+    for (int i = 2; i <= c.Nrows(); ++i)
+        if (c(i) != c(1)) return false;
+    return true;
+}
+
+// The column scaling divides by the square root of the variance.
+void check_spread(const Matrix& x, const std::string& datafile)
+{
+    for (int j = 1; j <= x.Ncols(); ++j) {
+        const ColumnVector column = x.Column(j);
+        const std::string name =
+            "column " + std::to_string(j) + " of the data file '" + datafile + "'";
+        if (constant(column))
+            throw RunError(name + " is constant (variance 0) and cannot be scaled");
+        const double v = variance(column);
+        if (!(v > 0.0) || !std::isfinite(v)) {
+            std::ostringstream s;
+            s << name << " cannot be scaled: its variance is " << v
+              << " (values too large or too close together)";
+            throw RunError(s.str());
+        }
+    }
+}
+
+}  // namespace
+
+void check_data(const Matrix& x, const std::string& datafile)
+{
+    check_size(x, datafile);
+    check_finite(x, datafile);
+    check_spread(x, datafile);
+}
+
+}  // namespace mixrank
