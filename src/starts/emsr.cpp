@@ -33,13 +33,29 @@ int best_start(const std::vector<double>& logliks)
 
 namespace {
 
+// The linkage partitions for g = 2..max under the rules 's', 'c' and 'a',
+// one merge sequence per rule, made before any EM fit so that the
+// clustering's working table is released before the fits start. Linkage
+// draws no random numbers and prints nothing, so the order does not show.
+class LinkageStarts {
+public:
+    LinkageStarts(const Matrix& x, int max) : max_(max)
+    {
+        if (max >= 2) rules_ = linkage_partitions(x, max, 2, "sca");
+    }
+    // Rule number 0, 1, 2 in the order above.
+    const ColumnVector& at(int rule, int g) const { return rules_[rule][max_ - g]; }
+
+private:
+    int max_;
+    std::vector<std::vector<ColumnVector>> rules_;
+};
+
 // Starting partition number ind (0-based) of the table for g >= 2: the
 // three linkage rules, then kmn K-means partitions, then random ones.
-ColumnVector start_partition(const Matrix& x, int g, int ind, int kmn)
+ColumnVector start_partition(const Matrix& x, const LinkageStarts& links, int g, int ind, int kmn)
 {
-    if (ind == 0) return linkage(x, g, 's');
-    if (ind == 1) return linkage(x, g, 'c');
-    if (ind == 2) return linkage(x, g, 'a');
+    if (ind < 3) return links.at(ind, g);
     if (ind < kmn + 3) return kmeans(x, g);
     return randomstart(x, g);
 }
@@ -47,7 +63,8 @@ ColumnVector start_partition(const Matrix& x, int g, int ind, int kmn)
 // Fits every start for g components in table order and leaves the one
 // chosen by BestStart in final.
 template <class Record, class Fit>
-void fit_from_starts(const Matrix& x, int g, int indall, int kmn, Fit fit, Record& final)
+void fit_from_starts(const Matrix& x, const LinkageStarts& links, int g, int indall, int kmn, Fit fit,
+                     Record& final)
 {
     if (g == 1) {
         final = fit(x, randomstart(x, 1), 1);
@@ -55,7 +72,7 @@ void fit_from_starts(const Matrix& x, int g, int indall, int kmn, Fit fit, Recor
     }
     BestStart best;
     for (int ind = 0; ind < indall; ++ind) {
-        const Record fitted = fit(x, start_partition(x, g, ind, kmn), g);
+        const Record fitted = fit(x, start_partition(x, links, g, ind, kmn), g);
         if (best.offer(fitted.loglik)) final = fitted;
     }
 }
@@ -64,10 +81,11 @@ template <class Record, class Fit>
 void fit_all_counts(const Matrix& x, std::ofstream& param, int max, int kmn, int rnd, Fit fit)
 {
     const int indall = rnd + kmn + 3;
+    const LinkageStarts links(x, max);
     for (int g = 1; g <= max; ++g) {
         std::cout << " Estimating Parameters for " << g << " components model ...." << std::endl;
         Record final;
-        fit_from_starts(x, g, indall, kmn, fit, final);
+        fit_from_starts(x, links, g, indall, kmn, fit, final);
         param << final;
         param.flush();
     }
