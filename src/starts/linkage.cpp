@@ -72,7 +72,8 @@ public:
         std::vector<double> xt(static_cast<std::size_t>(n_) * p);
         const Real* s = x.Store();
         for (int i = 0; i < n_; ++i)
-            for (int j = 0; j < p; ++j) xt[static_cast<std::size_t>(j) * n_ + i] = s[static_cast<std::size_t>(i) * p + j];
+            for (int j = 0; j < p; ++j)
+                xt[static_cast<std::size_t>(j) * n_ + i] = s[static_cast<std::size_t>(i) * p + j];
         for (int c = 0; c + 1 < n_; ++c) {
             double* col = column(c);
             const int len = n_ - 1 - c;

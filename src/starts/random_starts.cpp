@@ -2,23 +2,64 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <vector>
 
 namespace mixrank {
+
+namespace {
+
+// Smallest i >= 1 with i / number_left >= cutoff (double division), the
+// first slot a linear count would accept. The quotient grows with i, so the
+// estimate from the product only needs its neighbours checked with the same
+// comparison.
+int draw_rank(double cutoff, int number_left)
+{
+    const auto accepts = [&](int i) { return !(cutoff > static_cast<double>(i) / number_left); };
+    int i = static_cast<int>(std::ceil(cutoff * number_left));
+    if (i < 1) i = 1;
+    if (i > number_left) i = number_left;
+    while (i > 1 && accepts(i - 1)) --i;
+    while (i < number_left && !accepts(i)) ++i;
+    return i;
+}
+
+// Free slots of an array, counted with a binary indexed tree.
+class FreeSlots {
+public:
+    explicit FreeSlots(int length) : tree_(length + 1, 0), top_(1)
+    {
+        for (int k = 1; k <= length; ++k) tree_[k] = k & -k;  // every slot free
+        while (top_ * 2 <= length) top_ *= 2;
+    }
+
+    // Index (0-based) of the i-th free slot, which is then taken.
+    int take(int i)
+    {
+        const int length = static_cast<int>(tree_.size()) - 1;
+        int pos = 0;
+        for (int step = top_; step > 0; step /= 2)
+            if (pos + step <= length && tree_[pos + step] < i) {
+                pos += step;
+                i -= tree_[pos];
+            }
+        for (int k = pos + 1; k <= length; k += k & -k) --tree_[k];
+        return pos;
+    }
+
+private:
+    std::vector<int> tree_;
+    int top_;
+};
+
+}  // namespace
 
 void srswor(int* vector, int length)
 {
     for (int i = 0; i < length; ++i) vector[i] = 0;  // 0 marks a free slot
+    FreeSlots slots(length);
     for (int number_left = length; number_left >= 1; --number_left) {
-        const double cutoff = drand48();
-        int i = 1;
-        while (cutoff > static_cast<double>(i) / number_left) ++i;
-        // The i-th free slot, counting from the start.
-        int j = 0, k = -1;
-        while (j != i) {
-            ++k;
-            if (vector[k] == 0) ++j;
-        }
-        vector[k] = number_left;
+        const int i = draw_rank(drand48(), number_left);
+        vector[slots.take(i)] = number_left;
     }
 }
 

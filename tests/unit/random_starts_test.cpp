@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
-#include <limits>
+#include <functional>
 #include <vector>
 
 #include "starts/random_starts.h"
@@ -12,87 +12,80 @@ using namespace mixrank;
 
 namespace {
 
-// The value the stream seeded with `seed` gives after `skip` draws.
-double draw_after(long seed, int skip)
+// The plain quadratic form, kept as the reference.
+void reference_srswor(int* vector, int length)
 {
-    srand48(seed);
-    for (int i = 0; i < skip; ++i) drand48();
-    return drand48();
+    for (int i = 0; i < length; ++i) vector[i] = 0;
+    for (int number_left = length; number_left >= 1; --number_left) {
+        const double cutoff = drand48();
+        int i = 1, j = 0, k = -1;
+        while (cutoff > static_cast<double>(i) / number_left) ++i;
+        while (j != i)
+            if (vector[++k] == 0) ++j;
+        vector[k] = number_left;
+    }
 }
 
-ColumnVector vec(std::initializer_list<double> v)
+// The array `fill` leaves (and a guard entry past it), then the next draw.
+std::vector<double> permutation(void (*fill)(int*, int), int length, const std::function<void()>& start)
 {
-    ColumnVector c(static_cast<int>(v.size()));
-    int i = 1;
-    for (double e : v) c(i++) = e;
-    return c;
+    std::vector<int> v(length + 1, -5);
+    start();
+    fill(v.data(), length);
+    std::vector<double> out(v.begin(), v.end());
+    out.push_back(drand48());
+    return out;
+}
+
+// Every later draw returns t / 2^48 (multiplier 1, addend 0).
+void constant_stream(std::uint64_t t)
+{
+    unsigned short p[7] = {std::uint16_t(t), std::uint16_t(t >> 16), std::uint16_t(t >> 32), 1, 0, 0, 0};
+    lcong48(p);
 }
 
 }  // namespace
 
-TEST(Srswor, FillsAPermutationWithOneDrawPerEntry)
+TEST(Srswor, SameAsPlainFormForSeedsAndForCutoffsOnTheRankBoundaries)
 {
-    for (int length : {0, 1, 7, 301}) {
-        std::vector<int> v(length + 1, -5);  // one guard entry past the end
-        srand48(99);
-        srswor(v.data(), length);
-        const double next = drand48();  // before the stream is reseeded
-        EXPECT_EQ(next, draw_after(99, length)) << "length " << length;
-        EXPECT_EQ(v[length], -5);
-        v.pop_back();
-        std::sort(v.begin(), v.end());
-        for (int i = 0; i < length; ++i) EXPECT_EQ(v[i], i + 1) << "length " << length;
-    }
-}
-
-TEST(Srswor, PlacesTheLargestValueInTheSlotNamedByTheFirstDraw)
-{
-    for (long seed = 1; seed <= 5; ++seed) {
-        const double first = draw_after(seed, 0);
-        // Slot i (1-based) is the smallest with i / 10 >= first.
-        const int slot = std::max(1, static_cast<int>(std::ceil(first * 10)));
-        std::vector<int> v(10);
-        srand48(seed);
-        srswor(v.data(), 10);
-        EXPECT_EQ(v[slot - 1], 10) << "seed " << seed;
-    }
+    std::vector<std::pair<int, std::function<void()>>> runs;
+    for (int length : {0, 1, 2, 3, 10, 97, 500})
+        for (long seed = 1; seed <= 20; ++seed) runs.push_back({length, [seed] { srand48(seed); }});
+    // Cutoff 0 and draws just below, at and above k / m, m left (some m round cutoff * m across an integer).
+    for (std::uint64_t m : {1, 2, 3, 4, 5, 6, 7, 12, 35, 47, 197, 349})
+        for (std::uint64_t k = 0; k < m; ++k)
+            for (std::uint64_t t : {(k << 48) / m - (k > 0), (k << 48) / m, (k << 48) / m + 1})
+                runs.push_back({static_cast<int>(m), [t] { constant_stream(t); }});
+    for (const auto& [length, start] : runs)
+        ASSERT_EQ(permutation(srswor, length, start), permutation(reference_srswor, length, start)) << length;
+    srand48(1);  // back to the usual generator
 }
 
 TEST(RandomStart, LabelsAreCeilingsOfScaledDrawsOnePerObservation)
 {
     const Matrix x(200, 1);  // values are never read
     srand48(5);
-    const ColumnVector grp = randomstart(x, 4);
-    const ColumnVector ones = randomstart(x, 1);
+    const ColumnVector grp = randomstart(x, 4), ones = randomstart(x, 1);
     const double next = drand48();
-    EXPECT_EQ(next, draw_after(5, 400));
     srand48(5);
-    std::vector<int> count(5, 0);
     for (int i = 1; i <= 200; ++i) {
         EXPECT_EQ(grp(i), std::ceil(4 * drand48())) << i;
-        count[static_cast<int>(grp(i))]++;
         EXPECT_EQ(ones(i), 1.0);
     }
-    for (int k = 1; k <= 4; ++k) EXPECT_GT(count[k], 20);
+    for (int i = 0; i < 200; ++i) drand48();
+    EXPECT_EQ(next, drand48());
 }
 
-TEST(MinDist, SmallestEntryEarliestTieAndNotANumber)
+TEST(MinDist, SmallestEntryEarliestTieNotANumberAndSinglePrecisionMinimum)
 {
-    const double nan = std::numeric_limits<double>::quiet_NaN();
-    EXPECT_EQ(mindist(vec({3, 1, 1})), 2);
-    EXPECT_EQ(mindist(vec({5, 4, 3, 2})), 4);
-    EXPECT_EQ(mindist(vec({2, 2})), 1);
-    EXPECT_EQ(mindist(vec({nan, 1, 0})), 1);
-    EXPECT_EQ(mindist(vec({4, nan, 3})), 3);
-}
-
-TEST(MinDist, RunningMinimumIsSinglePrecision)
-{
-    // 2.0000001 rounds to 2.0f, and 2.0 is not strictly below it.
-    EXPECT_EQ(mindist(vec({2.0000001, 2.0})), 1);
-    // A later, larger entry between the first and its upward rounding wins.
-    const double first = 1.0 + 0.75 * std::ldexp(1.0, -23);  // rounds to 1 + 2^-23
-    const double second = 1.0 + 0.9 * std::ldexp(1.0, -23);
-    ASSERT_GT(static_cast<double>(static_cast<float>(first)), second);
-    EXPECT_EQ(mindist(vec({first, second})), 2);
+    // The running minimum is a float: 2.0000001 is held as 2.0, which 2.0 is not below;
+    // 1 + 0.75 * 2^-23 is held as 1 + 2^-23, so the larger 1 + 0.9 * 2^-23 wins.
+    const std::pair<std::vector<double>, int> cases[] = {
+        {{3, 1, 1}, 2}, {{5, 4, 3, 2}, 4}, {{2, 2}, 1}, {{NAN, 1, 0}, 1}, {{4, NAN, 3}, 3}, {{2.0000001, 2.0}, 1},
+        {{1 + 0.75 * 0x1p-23, 1 + 0.9 * 0x1p-23}, 2}};
+    for (const auto& c : cases) {
+        ColumnVector d(static_cast<int>(c.first.size()));
+        d << c.first.data();
+        EXPECT_EQ(mindist(d), c.second) << c.first[0];
+    }
 }
