@@ -1,90 +1,149 @@
 #include "risk/projection.h"
 
+#include <cblas.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <vector>
+
+#include "common/settings.h"
 
 namespace mixrank {
 
 namespace {
 
-// Q = (M'M)^-1 M' (P x n), solved by the matrix library exactly as the
-// product M * ((M'M)^-1 * M') forms it; P = M Q. A singular M'M raises the
-// library's exception.
+// Side of the tiles of M (I - Q M) Q that are formed one at a time.
+constexpr int kTile = 256;
+
+void check_factor(const Matrix& M, const Matrix& Q)
+{
+    if (Q.Nrows() != M.Ncols() || Q.Ncols() != M.Nrows())
+        throw RunError("the projection factor does not match the score matrix");
+}
+
+// S = I - Q M (P x P). The residual is small and formed by cancellation, so
+// it is accumulated in extended precision, each entry over j = 1..n in order.
+void idempotency_residual(const Matrix& Q, const Matrix& M, Matrix& S)
+{
+    const int n = M.Nrows(), P = M.Ncols();
+    const std::size_t stride = n;
+    const Real* q = Q.Store();
+    const Real* m = M.Store();
+    std::vector<long double> t(static_cast<std::size_t>(P) * P, 0.0L);
+    for (int a = 0; a < P; ++a) t[static_cast<std::size_t>(a) * P + a] = 1.0L;
+    for (int j = 0; j < n; ++j) {
+        const Real* mrow = m + static_cast<std::size_t>(j) * P;
+        for (int a = 0; a < P; ++a) {
+            const long double qaj = q[a * stride + j];
+            long double* trow = t.data() + static_cast<std::size_t>(a) * P;
+            for (int b = 0; b < P; ++b) trow[b] -= qaj * mrow[b];
+        }
+    }
+    S.ReSize(P, P);
+    std::transform(t.begin(), t.end(), S.Store(), [](long double v) { return static_cast<double>(v); });
+}
+
+// The largest |value| of the count values at v, not below start; like the
+// matrix library's maximum, a NaN is passed over.
+double largest_magnitude(const double* v, std::size_t count, double start)
+{
+    std::size_t e = 0;
+    double best = start;
+#if defined(__SSE2__)
+    // Two lanes at a time: the maximum instruction returns its second operand
+    // when the first is a NaN, which is what passes NaNs over.
+    const __m128d sign = _mm_set1_pd(-0.0);
+    __m128d b0 = _mm_set1_pd(start), b1 = b0;
+    for (; e + 4 <= count; e += 4) {
+        b0 = _mm_max_pd(_mm_andnot_pd(sign, _mm_loadu_pd(v + e)), b0);
+        b1 = _mm_max_pd(_mm_andnot_pd(sign, _mm_loadu_pd(v + e + 2)), b1);
+    }
+    double lanes[2];
+    _mm_storeu_pd(lanes, _mm_max_pd(b0, b1));
+    best = std::max(lanes[0], lanes[1]);
+#endif
+    for (; e < count; ++e) {
+        const double a = std::fabs(v[e]);
+        if (best < a) best = a;
+    }
+    return best;
+}
+
+}  // namespace
+
+// Solved by the matrix library exactly as the product M * ((M'M)^-1 * M')
+// forms it.
 void projection_factor(const Matrix& M, Matrix& Q)
 {
     Q = (M.t() * M).i() * M.t();
 }
 
-}  // namespace
+double trace_projection_kernel(const Matrix& M, const Matrix& Q, const Matrix& kstar)
+{
+    const int n = M.Nrows(), P = M.Ncols();
+    const std::size_t stride = n;
+    check_factor(M, Q);
+    if (kstar.Nrows() != n || kstar.Ncols() != n)
+        throw RunError("the kernel matrix does not match the score matrix");
+    // Y = K* M (n x P), one symmetric product.
+    std::vector<double> Y(static_cast<std::size_t>(n) * P);
+    cblas_dsymm(CblasRowMajor, CblasLeft, CblasLower, n, P, 1.0, kstar.Store(), n, M.Store(), P, 0.0,
+                Y.data(), P);
+    // trace(M Q K*) = trace(Q K* M): diagonal entry a of Q Y is the sum over
+    // j of Q(a, j) Y(j, a), accumulated over the rows of Y in storage order.
+    const Real* q = Q.Store();
+    std::vector<double> diag(P, 0.0);
+    for (int j = 0; j < n; ++j) {
+        const double* yrow = Y.data() + static_cast<std::size_t>(j) * P;
+        for (int a = 0; a < P; ++a) diag[a] += q[a * stride + j] * yrow[a];
+    }
+    double trace = 0.0;
+    for (double v : diag) trace += v;
+    return trace;
+}
 
 double trace_projection_kernel(const Matrix& M, const Matrix& kstar)
 {
-    const int n = M.Nrows(), P = M.Ncols();
     Matrix Q;
     projection_factor(M, Q);
-    // T = Q K* (P x n), accumulated over the row-major storage.
-    std::vector<double> T(static_cast<size_t>(P) * n, 0.0);
+    return trace_projection_kernel(M, Q, kstar);
+}
+
+double projection_instability(const Matrix& M, const Matrix& Q)
+{
+    const int n = M.Nrows(), P = M.Ncols();
+    check_factor(M, Q);
+    Matrix S;
+    // With P = M Q, P - P*P = M (I - Q M) Q = W Q.
+    idempotency_residual(Q, M, S);
+    const Matrix W = M * S;
+    const Real* w = W.Store();
     const Real* q = Q.Store();
-    const Real* k = kstar.Store();
-    for (int a = 0; a < P; ++a) {
-        double* trow = T.data() + static_cast<size_t>(a) * n;
-        for (int j = 0; j < n; ++j) {
-            const double qaj = q[static_cast<size_t>(a) * n + j];
-            const Real* krow = k + static_cast<size_t>(j) * n;
-            for (int i = 0; i < n; ++i) trow[i] += qaj * krow[i];
+
+    // The n x n product W Q, one tile at a time.
+    std::vector<double> tile(static_cast<std::size_t>(kTile) * kTile);
+    double maxval = 0.0;
+    for (int top = 0; top < n; top += kTile) {
+        const int rows = std::min(kTile, n - top);
+        for (int left = 0; left < n; left += kTile) {
+            const int cols = std::min(kTile, n - left);
+            cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, rows, cols, P, 1.0,
+                        w + static_cast<std::size_t>(top) * P, P, q + left, n, 0.0, tile.data(), cols);
+            maxval = largest_magnitude(tile.data(), static_cast<std::size_t>(rows) * cols, maxval);
         }
     }
-    // trace(M Q K*) = sum over i and a of M(i, a) T(a, i).
-    const Real* m = M.Store();
-    double trace = 0.0;
-    for (int i = 0; i < n; ++i) {
-        double diag = 0.0;
-        for (int a = 0; a < P; ++a) diag += m[static_cast<size_t>(i) * P + a] * T[static_cast<size_t>(a) * n + i];
-        trace += diag;
-    }
-    return trace;
+    return maxval;
 }
 
 double projection_instability(const Matrix& M)
 {
-    const int n = M.Nrows(), P = M.Ncols();
     Matrix Q;
     projection_factor(M, Q);
-    const Real* q = Q.Store();
-    const Real* m = M.Store();
-
-    // With P = M Q, P - P*P = M (I - Q M) Q. The P x P residual I - Q M is
-    // small and formed by cancellation, so it is accumulated in extended
-    // precision; the rest is ordinary double arithmetic.
-    Matrix S(P, P);
-    for (int a = 0; a < P; ++a)
-        for (int b = 0; b < P; ++b) {
-            long double t = (a == b) ? 1.0L : 0.0L;
-            for (int j = 0; j < n; ++j)
-                t -= static_cast<long double>(q[static_cast<size_t>(a) * n + j]) * m[static_cast<size_t>(j) * P + b];
-            S.Store()[a * P + b] = static_cast<double>(t);
-        }
-    const Matrix W = M * S;
-    const Real* w = W.Store();
-
-    // The largest absolute entry, one row of W Q at a time; like the matrix
-    // library's maximum, an entry that is NaN is passed over.
-    std::vector<double> row(n);
-    double maxval = 0.0;
-    for (int i = 0; i < n; ++i) {
-        std::fill(row.begin(), row.end(), 0.0);
-        for (int a = 0; a < P; ++a) {
-            const double wia = w[static_cast<size_t>(i) * P + a];
-            const Real* qrow = q + static_cast<size_t>(a) * n;
-            for (int j = 0; j < n; ++j) row[j] += wia * qrow[j];
-        }
-        for (int j = 0; j < n; ++j) {
-            const double v = std::fabs(row[j]);
-            if (maxval < v) maxval = v;
-        }
-    }
-    return maxval;
+    return projection_instability(M, Q);
 }
 
 }  // namespace mixrank

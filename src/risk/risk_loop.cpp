@@ -48,10 +48,12 @@ ModelTerms model_terms(const Matrix& x, const Record& final, int g, const Matrix
     const double dkmean = distance(x, final, g, kernel.knew_total);
     t.DIST = (n * n) * dkmean / kernel.scale;
     const Matrix M = score(x, final, g);
-    if (projection_instability(M) > 1e-05)
+    Matrix Q;
+    projection_factor(M, Q);
+    if (projection_instability(M, Q) > 1e-05)
         out << "parameter estimate may not be stable for " << g << " component " << std::endl;
     t.nparam = M.Ncols();
-    t.EE = trace_projection_kernel(M, kstar);
+    t.EE = trace_projection_kernel(M, Q, kstar);
     t.MLF = t.DIST - (kernel.kxx - t.EE);
     return t;
 }
