@@ -1,16 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
-#include <fstream>
-#include <iostream>
 #include <limits>
 #include <sstream>
 
-#include "common/settings.h"
-#include "risk/report.h"
 #include "io_scratch.h"
-#include "risk_support.h"
+#include "risk/report.h"
 
 using namespace mixrank;
 
@@ -18,36 +13,23 @@ namespace {
 
 const double NaN = std::numeric_limits<double>::quiet_NaN();
 
-ColumnVector column(double first, double second)
-{
-    ColumnVector v(2);
-    v << first << second;
-    return v;
-}
-
+// Two rows of the table, the second with a NaN and very wide numbers.
 RiskTable small_table()
 {
+    const double rows[2][9] = {{5, 1.234, -0.5, 2.25, 1.75, 3.126, -120.456, 250.912, 263.94},
+                               {8, 12345.678, NaN, 0.004, -0.004, 123456789.5, 0, 0.001, 7}};
     RiskTable t;
-    t.nparam = column(5, 8);
-    t.DIST = column(1.234, 12345.678);
-    t.MLF = column(-0.5, NaN);
-    t.EE = column(2.25, 0.004);
-    t.RISK = column(1.75, -0.004);
-    t.RISKB = column(3.126, 123456789.5);
-    t.LL = column(-120.456, 0);
-    t.AIC = column(250.912, 0.001);
-    t.BIC = column(263.94, 7);
+    ColumnVector* columns[] = {&t.nparam, &t.DIST, &t.MLF, &t.EE, &t.RISK, &t.RISKB, &t.LL, &t.AIC, &t.BIC};
+    for (int c = 0; c < 9; ++c) { columns[c]->ReSize(2); *columns[c] << rows[0][c] << rows[1][c]; }
     return t;
 }
 
+const std::string kRule = std::string(82, '_') + "\n";
 const std::string kScreen =
-    std::string(83, '_') + "\n" +
-    "\x1b[1mNo.of.Param  DISTANCE     MLF        EE       QAIC       QBIC  Likelihood      AIC      BIC "
-    "\x1b[m\n" +
-    std::string(82, '_') + "\n" +
+    "_" + kRule + "\x1b[1mNo.of.Param  DISTANCE     MLF        EE       QAIC       QBIC  Likelihood      AIC      BIC \x1b[m\n" +
+    kRule +
     "     5.00      1.23     -0.50      2.25      1.75      3.13   -120.46    250.91    263.94 \n"
-    "     8.00  12345.68       nan      0.00     -0.00 123456789.50      0.00      0.00      7.00 \n" +
-    std::string(82, '_') + "\n";
+    "     8.00  12345.68       nan      0.00     -0.00 123456789.50      0.00      0.00      7.00 \n" + kRule;
 
 const std::string kFile =
     "  No.of.Param        DISTANCE            MLF             EE           QAIC           QBIC"
@@ -91,11 +73,11 @@ TEST(Report, ScreenTableAndFileBytes)
 TEST(Report, UncreatableFileIsReportedAndTheScreenTableStays)
 {
     std::ostringstream out;
-    risk_support::Capture err(std::cerr);
+    testing::internal::CaptureStderr();
     const std::string name = report(small_table(), 7.5, 2, "/nonexistent-dir/tab.dat", "equal", out);
+    const std::string warning = testing::internal::GetCapturedStderr();
     EXPECT_EQ(name, "/nonexistent-dir/tab.equal.risk");
     EXPECT_EQ(out.str(), kScreen + "...........20");
-    const std::string warning = err.str();
     EXPECT_NE(warning.find("/nonexistent-dir/tab.equal.risk"), std::string::npos);
     EXPECT_EQ(std::count(warning.begin(), warning.end(), '\n'), 1);
 }

@@ -1,76 +1,69 @@
-// Helpers shared by the kernel, distance, score, projection and risk tests.
+// Test helpers of the risk step and the plain forms it is checked against.
 #pragma once
 
 #include <cstdlib>
-#include <iostream>
-#include <sstream>
-#include <string>
 
-#include "common/matrix.h"
 #include "common/settings.h"
+#include "mixture/density.h"
+#include "risk/kernel.h"
 
 namespace risk_support {
 
-using mixrank::Matrix;
+using namespace mixrank;
 
 // Sets obs, dim and h for one test and restores them afterwards.
-class Settings {
-public:
-    Settings(int n, int d, double bandwidth) : obs_(mixrank::obs), dim_(mixrank::dim), h_(mixrank::h)
-    {
-        mixrank::obs = n;
-        mixrank::dim = d;
-        mixrank::h = bandwidth;
-    }
-    ~Settings()
-    {
-        mixrank::obs = obs_;
-        mixrank::dim = dim_;
-        mixrank::h = h_;
-    }
-
-private:
-    int obs_, dim_;
-    double h_;
+struct Settings {
+    Settings(int n, int d, double bw) : obs_(obs), dim_(dim), h_(h) { obs = n, dim = d, h = bw; }
+    ~Settings() { obs = obs_, dim = dim_, h = h_; }
+    const int obs_, dim_; const double h_;
 };
 
 // Numbers from a fixed erand48 stream.
-class Numbers {
-public:
-    explicit Numbers(unsigned short seed) : state_{seed, 7, 11} {}
-    double next() { return erand48(state_); }
+struct Numbers {
+    explicit Numbers(unsigned short seed) : state{seed, 7, 11} {}
     // Entries spread * U(0,1) plus (row % groups) * gap, so rows form groups.
     Matrix points(int n, int d, double spread, int groups = 1, double gap = 0.0)
     {
         Matrix x(n, d);
         for (int i = 1; i <= n; ++i)
-            for (int j = 1; j <= d; ++j) x(i, j) = spread * next() + (i % groups) * gap;
+            for (int j = 1; j <= d; ++j) x(i, j) = spread * erand48(state) + (i % groups) * gap;
         return x;
     }
     // A random symmetric positive definite d x d matrix.
-    Matrix spd(int d)
+    Matrix spd(int d) { const Matrix a = points(d, d, 1.0) - 0.5; return a * a.t() + 0.3 * IdentityMatrix(d); }
+    // One g-component fit in both record types (the common covariance is component 1's).
+    void fits(int g, int d, emstruct& common, emstructuneq& per)
     {
-        const Matrix a = points(d, d, 1.0) - 0.5;
-        Matrix s = a * a.t();
-        for (int i = 1; i <= d; ++i) s(i, i) += 0.3;
-        return s;
+        per.mu = points(g, d, 3.0);
+        per.pi.ReSize(g);
+        for (int k = 1; k <= g; ++k) per.pi(k) = (1.0 + k) / (g * (g + 3) / 2.0), per.sigma[k].comp = spd(d);
+        common.mu = per.mu, common.pi = per.pi, common.sigma = per.sigma[1].comp;
     }
-
-private:
-    unsigned short state_[3];
+    unsigned short state[3];
 };
 
-// Collects what is written to a standard stream while alive.
-class Capture {
-public:
-    explicit Capture(std::ostream& stream) : stream_(stream), old_(stream.rdbuf(buf_.rdbuf())) {}
-    ~Capture() { stream_.rdbuf(old_); }
-    std::string str() const { return buf_.str(); }
+// The distance term by term over the full kernel matrix, inverting afresh for every (i, k).
+template <class Record>
+double literal_distance(const Matrix& x, const Record& fit)
+{
+    const int n = x.Nrows(), g = fit.mu.Nrows();
+    const Matrix sig = h * h * IdentityMatrix(x.Ncols());
+    auto cov = [&](int k) -> const Matrix& { return component_covariance(fit, k); };
+    Matrix knew;
+    Knew(x, knew);
+    double kk = 0.0, sum = 0.0;
+    ColumnVector kx(n);
+    kx = 0.0;
+    for (int k = 1; k <= g; ++k) {
+        for (int l = 1; l <= g; ++l) kk += fit.pi(k) * fit.pi(l) * MVNpdf(fit.mu.Row(k), fit.mu.Row(l), (cov(k) + cov(l) + sig).i());
+        for (int i = 1; i <= n; ++i) kx(i) += fit.pi(k) * MVNpdf(x.Row(i), fit.mu.Row(k), (cov(k) + sig).i());
+    }
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j) sum += knew(i, j) - kx(i) - kx(j) + kk;
+    return sum / (n * n);
+}
 
-private:
-    std::ostream& stream_;
-    std::ostringstream buf_;
-    std::streambuf* old_;
-};
+// P = M (M'M)^-1 M', formed explicitly.
+inline Matrix literal_projection(const Matrix& M) { return M * ((M.t() * M).i() * M.t()); }
 
 }  // namespace risk_support
