@@ -2,12 +2,14 @@
 
 #include <sys/stat.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 #include <string>
 
 #include "common/matrix.h"
@@ -68,6 +70,14 @@ KernelSummary build_kernel(const Matrix& x, Matrix& kstar)
     Kstar(kstar);
     KernelSummary kernel = spectral_dof(kstar);
     kernel.knew_total = knew_total;
+    // Distinct points give a centred kernel of positive trace; a bandwidth so
+    // large or small that the kernel values overflow or vanish does not.
+    if (!(std::isfinite(kernel.kxx) && kernel.kxx > 0.0 && std::isfinite(kernel.scale))) {
+        std::ostringstream s;
+        s << "the kernel with tuning parameter h = " << h
+          << " gives no usable degrees of freedom (Sdof " << kernel.kxx << "); choose another h";
+        throw RunError(s.str());
+    }
     dof_range_warning(kernel.kxx, obs, std::cout);
     return kernel;
 }

@@ -164,10 +164,12 @@ TEST(BadDataFiles, RefusedRightAfterReading)
         expect_refused(w.run(with(kFit, {"-i", "bad.dat"})), fragment);
         EXPECT_EQ(snapshot(w), before);
     }
-    // Given sizes larger than the file; a directory given as the data file.
+    // Given sizes larger than the file; a bandwidth the kernel cannot use; a
+    // directory given as the data file.
     ::mkdir(w.file("dir.dat").c_str(), 0755);
     const Snapshot before = snapshot(w);
     expect_refused(w.run(with(kFit, {"-n", "31", "-d", "2"})), "row 31, column 1 of the data file");
+    expect_refused(w.run(with(kFit, {"-h", "1e300"})), "h = 1e+300 gives no usable degrees");
     const Result dir = w.run(with(kFit, {"-i", "dir.dat"}));
     EXPECT_EQ(dir.status, 1);
     EXPECT_NE(dir.out.find("Error opening file dir.dat!\n"), std::string::npos) << dir.out;
