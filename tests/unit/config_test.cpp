@@ -4,7 +4,6 @@
 #include <ctime>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "common/settings.h"
@@ -14,302 +13,121 @@ using namespace mixrank;
 
 namespace {
 
-const std::string kSeparator = " \t\t\t\t\t\t\t\t\t\t \n";
-
-// The usage text, line by line as the program must print it.
+const std::string S = " \t\t\t\t\t\t\t\t\t\t \n";  // the separator line
 const std::string kUsage =
     " OPTIONS:\t\t\t\t\t\t\t\t\t \n"
-    " -equal[-unequal]        Equal Variance or Unequal  variance                    \n" +
-    kSeparator +
+    " -equal[-unequal]        Equal Variance or Unequal  variance                    \n" + S +
     " -[1|2|3]        1: No estimation needed, need to use parameter file\t\t \n"
     "                 2: Estimate Parameters using included EM steps\t\t \n"
-    "                 3: Use Tarvel's emmix program to estimate parameters\t \n" +
-    kSeparator + " -h [value]      User specified moothing parameter\t\t\t\t \n" + kSeparator +
-    " -i [filename]   Datafile name. Allocates the n and d dynamically\t\t \n" + kSeparator +
-    " -p [filename]   Parameter file name\t\t\t\t\t\t \n" + kSeparator +
-    " -d [int]        Dimension of Input data. If missing the program calculates it. \n" +
-    kSeparator +
-    " -n [int]        Rows/Size of Input data. If missing the program calculates it. \n" +
-    kSeparator + " -g [int]        Number of components to be fitted. Default 6.\t\t\t \n" +
-    kSeparator + " -k [int]        Number of K-means start.Default 20.\t\t\t\t \n" + kSeparator +
-    " -r [int]        Number of random starts.Default 3.\t\t\t\t \n" + kSeparator +
-    " -s [seed]       Random seed. Default seed calculated form current time\t \n" +
-    kSeparator + kSeparator + " EXAMPLE:\t\t\t\t\t\t\t\t\t \n" +
-    "  ./mixrank -equal -3  -g 6 -i iris.dat  -d 4 -n 150 -h 0.5 -p iris.param\t\t \n";
+    "                 3: Use Tarvel's emmix program to estimate parameters\t \n" + S +
+    " -h [value]      User specified moothing parameter\t\t\t\t \n" + S +
+    " -i [filename]   Datafile name. Allocates the n and d dynamically\t\t \n" + S +
+    " -p [filename]   Parameter file name\t\t\t\t\t\t \n" + S +
+    " -d [int]        Dimension of Input data. If missing the program calculates it. \n" + S +
+    " -n [int]        Rows/Size of Input data. If missing the program calculates it. \n" + S +
+    " -g [int]        Number of components to be fitted. Default 6.\t\t\t \n" + S +
+    " -k [int]        Number of K-means start.Default 20.\t\t\t\t \n" + S +
+    " -r [int]        Number of random starts.Default 3.\t\t\t\t \n" + S +
+    " -s [seed]       Random seed. Default seed calculated form current time\t \n" + S + S +
+    " EXAMPLE:\t\t\t\t\t\t\t\t\t \n  ./mixrank -equal -3  -g 6 -i iris.dat  -d 4 -n 150 -h 0.5 -p iris.param\t\t \n";
+const std::string kDialogue = "need parameterr input file \n\n\n\n\n" "GIVE seed:";
+const std::string kClock = "Using seed initialized from time =T\n";  // T: the clock's seed
+const std::string kPrompts = "\nGive the name of the datafile:\nNo of obs:\nNo of dim:\nTuning h:dummy:obs :";
 
-const std::string kInteractive = "need parameterr input file \n\n\n\n\n";
-const std::string kClockLine = "Using seed initialized from time =";
-
-// Runs configure on the arguments (program name added) with the given
-// answers, keeping what it printed.
-class ConfigureTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        obs = 0;
-        dim = 0;
-        h = -1.0;
-        seed = 12345;
+// Runs configure on the arguments and answers: every setting as a key=value word (or "exit N",
+// or "error: ..."), then "|" and what was printed; a seed taken from the clock shows as T.
+std::string run(std::vector<std::string> args, const std::string& answers)
+{
+    obs = dim = 0;
+    std::vector<char*> argv{const_cast<char*>("mixrank")};
+    for (auto& a : args) argv.push_back(&a[0]);
+    std::istringstream in(answers);
+    std::ostringstream out, s;
+    const std::time_t before = std::time(nullptr);
+    try {
+        const RunConfig c = configure(static_cast<int>(argv.size()), argv.data(), in, out);
+        s << "method=" << c.method << " name=" << c.Methodname << " est=" << c.EstMethod << " g=" << c.max << " k="
+          << c.nokmn << " r=" << c.nornd << " n=" << obs << " d=" << dim << " h=" << h << " s=" << seed << " i="
+          << c.datafile << " p=" << c.paramfile << " o=" << c.output << " dialogue=" << c.nocommandline << " obs1=" << c.obs1;
+    } catch (const RunExit& e) {
+        s << "exit " << e.status;
+    } catch (const RunError& e) {
+        s << "error: " << e.what();
     }
+    std::string text = s.str() + "|" + out.str();
+    for (size_t at; seed >= before && seed <= std::time(nullptr) && (at = text.find(std::to_string(seed))) != std::string::npos;)
+        text.replace(at, std::to_string(seed).size(), "T");
+    return text;
+}
 
-    RunConfig run(std::vector<std::string> args, const std::string& answers = "")
-    {
-        args.insert(args.begin(), "mixrank");
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        std::istringstream in(answers);
-        out.str("");
-        return configure(static_cast<int>(args.size()), argv.data(), in, out);
+// The defaults' description with the given key=value words replaced.
+std::string want(const std::string& changes)
+{
+    if (changes.rfind("exit", 0) == 0 || changes.rfind("error", 0) == 0) return changes;
+    std::string result = " method=E name= est=N g=6 k=10 r=10 n=0 d=0 h=0.5 s=1 i=sample.dat p=sample.param o=0 dialogue=0 obs1=0";
+    std::istringstream words(changes);
+    for (std::string w; words >> w;) {
+        const size_t at = result.find(" " + w.substr(0, w.find('=') + 1)) + 1;
+        result.replace(at, result.find(' ', at) - at, w);
     }
+    return result.substr(1);
+}
 
-    // Exit status of a run that must end early; -1 if it did not.
-    int exit_status(const std::vector<std::string>& args)
-    {
-        try {
-            run(args);
-        } catch (const RunExit& e) {
-            return e.status;
-        }
-        return -1;
-    }
+struct Case { std::vector<std::string> args; std::string changes, printed, answers = ""; };
 
-    std::ostringstream out;
-};
+void check(const std::vector<Case>& cases)
+{
+    for (const Case& c : cases) EXPECT_EQ(run(c.args, c.answers), want(c.changes) + "|" + c.printed) << c.changes;
+}
 
 }  // namespace
 
-TEST(UsageText, TwentyEightLinesByteForByteThenStatusOne)
+TEST(Configure, HelpRequestsAndTheOptionScan)
 {
-    std::ostringstream out;
-    try {
-        Usage(out);
-        FAIL() << "Usage returned";
-    } catch (const RunExit& e) {
-        EXPECT_EQ(e.status, 1);
-    }
-    EXPECT_EQ(out.str(), kUsage);
+    check({{{}, "exit 1", kUsage},
+           {{"-h"}, "exit 1", kUsage},
+           {{"--help"}, "exit 1", kUsage},
+           {{"-help", "x"}, "exit 1", kUsage},
+           {{"-h", "0.3", "-i", "x.dat", "-s", "1"}, "h=0.3 i=x.dat", ""},  // followed by more: the tuning
+           {{"-i", "x.dat", "-help", "0.7", "-s", "2"}, "h=0.7 i=x.dat s=2", ""},
+           {{"-unequalXYZ", "-gamma", "9", "-input", "in.dat", "-params", "q.p", "-kk", "4", "-rr", "5", "-nn",
+             "30", "-dd", "3", "-seed", "8", "-3x", "-o"},
+            "method=U name=unequal est=E g=9 k=4 r=5 n=30 d=3 s=8 i=in.dat p=q.p o=1", ""},
+           {{"-equal", "-unequal", "-g", "3", "-g", "9", "-1", "-3", "-s", "1"}, "method=U name=unequal est=E g=9", ""},
+           {{"-g", "-u", "-i", "-x", "-s", "3"}, "g=0 i=-x s=3", ""},  // the value is the next argument
+           {{"-g", "many", "-h", "wide", "-n", "12abc", "-d", "-2", "-k", "3.9", "-s", "7"}, "g=0 h=0 n=12 d=-2 k=3 s=7", ""},
+           {{"-x", "-i", "a", "-zebra", "-s", "4"}, "i=a s=4", "Invalid Option x ignored\nInvalid Option z ignored\n"},
+           {{"-", "-s", "4"}, "s=4", std::string("Invalid Option ") + '\0' + " ignored\n"},
+           {{"-s", "0", "-i", "a"}, "s=T i=a", kClock},
+           {{"-i", "a", "-u", "-g", "20"}, "method=U name=unequal g=20 s=T i=a", kClock},
+           {{"-u", "-g", "21", "-s", "1"}, "error: option -g asks for 21 components, but the unequal variance "
+                                            "model holds at most 20", ""},
+           {{"-e", "-s", "3", "-i"}, "error: option -i needs a value", ""}});
 }
 
-TEST_F(ConfigureTest, HelpRequestsPrintTheUsageAndEndWithStatusOne)
+TEST(Configure, ParameterFileNamedAfterTheDataFileWhenReadingTheDefaultOne)
 {
-    const std::vector<std::vector<std::string>> requests = {
-        {}, {"-h"}, {"--help"}, {"-help"}, {"-help", "x"}, {"--help", "-i", "a.dat", "-s", "1"}};
-    for (const auto& args : requests) {
-        EXPECT_EQ(exit_status(args), 1) << args.size() << " arguments";
-        EXPECT_EQ(out.str(), kUsage);
-    }
-}
-
-TEST_F(ConfigureTest, TuningOptionIsNotAHelpRequest)
-{
-    const RunConfig c = run({"-h", "0.3", "-i", "x.dat"});
-    EXPECT_DOUBLE_EQ(h, 0.3);
-    EXPECT_EQ(c.datafile, "x.dat");
-    EXPECT_EQ(c.nocommandline, 0);
-    // "-help" further along is the tuning option too.
-    run({"-i", "x.dat", "-help", "0.7", "-s", "2"});
-    EXPECT_DOUBLE_EQ(h, 0.7);
-    EXPECT_EQ(out.str(), "");
-}
-
-TEST_F(ConfigureTest, OnlyTheSecondCharacterCounts)
-{
-    const RunConfig c = run({"-unequalXYZ", "-gamma", "9", "-input", "in.dat", "-params", "q.p",
-                             "-kk", "4", "-rr", "5", "-nn", "30", "-dd", "3", "-seed", "8", "-3x"});
-    EXPECT_EQ(c.method, 'U');
-    EXPECT_EQ(c.Methodname, "unequal");
-    EXPECT_EQ(c.max, 9);
-    EXPECT_EQ(c.datafile, "in.dat");
-    EXPECT_EQ(c.paramfile, "q.p");
-    EXPECT_EQ(c.nokmn, 4);
-    EXPECT_EQ(c.nornd, 5);
-    EXPECT_EQ(obs, 30);
-    EXPECT_EQ(dim, 3);
-    EXPECT_EQ(seed, 8u);
-    EXPECT_EQ(c.EstMethod, 'E');
-    EXPECT_EQ(out.str(), "");
-}
-
-TEST_F(ConfigureTest, LaterOptionsOverrideEarlierOnes)
-{
-    RunConfig c = run({"-equal", "-unequal", "-g", "3", "-g", "9", "-1", "-3", "-s", "1"});
-    EXPECT_EQ(c.method, 'U');
-    EXPECT_EQ(c.Methodname, "unequal");
-    EXPECT_EQ(c.max, 9);
-    EXPECT_EQ(c.EstMethod, 'E');
-    c = run({"-unequal", "-equal", "-3", "-2", "-s", "1"});
-    EXPECT_EQ(c.method, 'E');
-    EXPECT_EQ(c.Methodname, "equal");
-    EXPECT_EQ(c.EstMethod, 'N');
-}
-
-TEST_F(ConfigureTest, ValueIsTheNextArgumentWhateverItLooksLike)
-{
-    // "-u" is consumed as the value of -g, so it neither sets the model nor
-    // is scanned as an option.
-    const RunConfig c = run({"-g", "-u", "-i", "-x", "-s", "3"});
-    EXPECT_EQ(c.max, 0);
-    EXPECT_EQ(c.method, 'E');
-    EXPECT_EQ(c.datafile, "-x");
-    EXPECT_EQ(out.str(), "");
-}
-
-TEST_F(ConfigureTest, NumbersAreConvertedLikeAtoiAndAtof)
-{
-    const RunConfig c = run({"-g", "many", "-h", "wide", "-n", "12abc", "-d", "-2", "-k", "3.9",
-                             "-s", "7"});
-    EXPECT_EQ(c.max, 0);
-    EXPECT_DOUBLE_EQ(h, 0.0);
-    EXPECT_EQ(obs, 12);
-    EXPECT_EQ(dim, -2);
-    EXPECT_EQ(c.nokmn, 3);
-    // A word as the seed means a clock seed.
-    run({"-s", "word", "-i", "a.dat"});
-    EXPECT_EQ(out.str().rfind(kClockLine, 0), 0u) << out.str();
-}
-
-TEST_F(ConfigureTest, UnknownOptionsAreReportedAndSkipped)
-{
-    RunConfig c = run({"-x", "-i", "a.dat", "-zebra", "-s", "4"});
-    EXPECT_EQ(out.str(), "Invalid Option x ignored\nInvalid Option z ignored\n");
-    EXPECT_EQ(c.datafile, "a.dat");
-    EXPECT_EQ(seed, 4u);
-
-    // "-" alone: the character printed is the terminating NUL byte.
-    run({"-", "-s", "4"});
-    EXPECT_EQ(out.str(), std::string("Invalid Option ") + '\0' + " ignored\n");
-
-    // An argument without a dash is skipped silently.
-    c = run({"stray", "-i", "b.dat", "-s", "4"});
-    EXPECT_EQ(out.str(), "");
-    EXPECT_EQ(c.datafile, "b.dat");
-}
-
-TEST_F(ConfigureTest, OptionWithoutItsValueIsRefused)
-{
-    for (const std::string opt : {"-g", "-h", "-i", "-s", "-pfile"}) {
-        try {
-            run({"-e", "-s", "3", opt});
-            ADD_FAILURE() << opt << " accepted without a value";
-        } catch (const RunError& e) {
-            EXPECT_EQ(std::string(e.what()), "option " + opt + " needs a value");
-        }
-    }
-}
-
-TEST_F(ConfigureTest, ComponentCountLimitForComponentCovariances)
-{
-    EXPECT_EQ(run({"-u", "-g", "20", "-s", "1"}).max, 20);
-    EXPECT_EQ(run({"-e", "-g", "25", "-s", "1"}).max, 25);
-    for (const auto& args : {std::vector<std::string>{"-u", "-g", "21", "-s", "1"},
-                             std::vector<std::string>{"-g", "30", "-unequal", "-s", "1"}}) {
-        try {
-            run(args);
-            ADD_FAILURE() << "more than 20 components accepted";
-        } catch (const RunError& e) {
-            EXPECT_NE(std::string(e.what()).find("option -g"), std::string::npos) << e.what();
-        }
-    }
-    RunConfig c;
-    c.method = 'U';
-    c.max = 21;
-    try {
-        check_max(c, "the dialogue answer");
-        ADD_FAILURE() << "check_max accepted 21";
-    } catch (const RunError& e) {
-        EXPECT_EQ(std::string(e.what()).rfind("the dialogue answer asks for 21", 0), 0u) << e.what();
-    }
-}
-
-TEST_F(ConfigureTest, ParameterFileNamedAfterTheDataFileWhenReadingStoredParameters)
-{
-    RunConfig c = run({"-1", "-i", "iris.dat", "-s", "1"});
-    EXPECT_EQ(c.paramfile, "iris.param");
-    EXPECT_EQ(out.str(), "Using parameterfile iris.param");
-
-    c = run({"-i", "data.txt", "-1", "-s", "1"});
-    EXPECT_EQ(c.paramfile, "data.param");
-
-    // The default name, even when given explicitly, is replaced.
-    c = run({"-1", "-i", "iris.dat", "-p", "sample.param", "-s", "1"});
-    EXPECT_EQ(c.paramfile, "iris.param");
-
-    c = run({"-1", "-i", "abc", "-s", "1"});
-    EXPECT_EQ(c.paramfile, "param");
-
-    const std::vector<std::pair<std::vector<std::string>, std::string>> kept = {
-        {{"-1", "-i", "iris.dat", "-p", "my.param", "-s", "1"}, "my.param"},
-        {{"-2", "-i", "iris.dat", "-s", "1"}, "sample.param"},
-        {{"-3", "-i", "iris.dat", "-s", "1"}, "sample.param"},
-        {{"-1", "-s", "1", "-e"}, "sample.param"}};
-    for (const auto& [args, name] : kept) {
-        c = run(args);
-        EXPECT_EQ(c.paramfile, name);
-        EXPECT_EQ(out.str(), "");
-    }
-
-    EXPECT_THROW(run({"-1", "-i", "ab", "-s", "1"}), RunError);
-}
-
-TEST_F(ConfigureTest, SeedFromTheOptionOrFromTheClock)
-{
-    run({"-s", "42", "-i", "a.dat"});
-    EXPECT_EQ(seed, 42u);
-    EXPECT_EQ(out.str(), "");
-
-    for (const auto& args : {std::vector<std::string>{"-s", "0", "-i", "a.dat"},
-                             std::vector<std::string>{"-i", "a.dat"}}) {
-        const std::time_t before = std::time(nullptr);
-        run(args);
-        const std::time_t after = std::time(nullptr);
-        EXPECT_GE(seed, static_cast<unsigned>(before));
-        EXPECT_LE(seed, static_cast<unsigned>(after));
-        EXPECT_EQ(out.str(), kClockLine + std::to_string(seed) + "\n");
-    }
-}
-
-TEST_F(ConfigureTest, SeedsTheDrand48Stream)
-{
-    srand48(7);
-    (void)drand48();
-    run({"-s", "42", "-i", "a.dat"});
-    const double first = drand48();
-    srand48(42);
+    check({{{"-1", "-i", "iris.dat", "-s", "1"}, "est=Y i=iris.dat p=iris.param", "Using parameterfile iris.param"},
+           {{"-i", "data.txt", "-1", "-s", "1"}, "est=Y i=data.txt p=data.param", "Using parameterfile data.param"},
+           {{"-1", "-i", "x.dat", "-p", "sample.param", "-s", "1"}, "est=Y i=x.dat p=x.param", "Using parameterfile x.param"},
+           {{"-1", "-i", "abc", "-s", "1"}, "est=Y i=abc p=param", "Using parameterfile param"},
+           {{"-1", "-i", "ab", "-s", "1"}, "error: cannot name the parameter file after the data file 'ab': the "
+                                            "name is shorter than three characters; give it with -p", ""},
+           {{"-1", "-i", "iris.dat", "-p", "my.param", "-s", "1"}, "est=Y i=iris.dat p=my.param", ""},
+           {{"-1", "-s", "1", "-e"}, "name=equal est=Y", ""}});
+    const double first = drand48();  // the stream is seeded with the seed of the last run
+    srand48(1);
     EXPECT_EQ(first, drand48());
 }
 
-TEST_F(ConfigureTest, DialogueAsksForSeedAndDataSettingsInOrder)
+TEST(Configure, DialogueAsksForTheSeedAndTheDataSettingsInOrder)
 {
-    const RunConfig c = run({"-unequal"}, "7\npts.dat\n12\n3\n0.25\n99\n");
-    EXPECT_EQ(out.str(), kInteractive +
-                             "GIVE seed:\nGive the name of the datafile:\nNo of obs:\nNo of "
-                             "dim:\nTuning h:dummy:obs :");
-    EXPECT_EQ(c.nocommandline, 1);
-    EXPECT_EQ(c.method, 'U');
-    EXPECT_EQ(seed, 7u);
-    EXPECT_EQ(c.datafile, "pts.dat");
-    EXPECT_EQ(obs, 12);
-    EXPECT_EQ(dim, 3);
-    EXPECT_DOUBLE_EQ(h, 0.25);
-    EXPECT_EQ(c.obs1, 99);
-}
-
-TEST_F(ConfigureTest, DialogueAfterAnUnknownOptionWithClockSeed)
-{
-    const RunConfig c = run({"-x"}, "0 my.dat 0 0 0.5 1");
-    const std::string text = out.str();
-    const std::string head = "Invalid Option x ignored\n" + kInteractive + "GIVE seed:" + kClockLine;
-    ASSERT_EQ(text.substr(0, head.size()), head);
-    EXPECT_EQ(text.substr(head.size()), std::to_string(seed) +
-                                            "\n\nGive the name of the datafile:\nNo of obs:\nNo "
-                                            "of dim:\nTuning h:dummy:obs :");
-    EXPECT_NE(seed, 0u);
-    EXPECT_EQ(c.datafile, "my.dat");
-}
-
-TEST_F(ConfigureTest, DialogueWithoutUsableAnswersIsRefused)
-{
-    EXPECT_THROW(run({"stray"}, ""), RunError);
-    EXPECT_THROW(run({"-e"}, "5\nd.dat\nmany\n"), RunError);
+    const std::string no_answer = "error: no usable answer to the question for the ";
+    check({{{"-unequal"}, "method=U name=unequal n=12 d=3 h=0.25 s=7 i=pts.dat dialogue=1 obs1=99",
+            kDialogue + kPrompts, "7\npts.dat\n12\n3\n0.25\n99\n"},
+           {{"-x"}, "s=T i=my.dat dialogue=1 obs1=1", "Invalid Option x ignored\n" + kDialogue + kClock + kPrompts,
+            "0 my.dat 0 0 0.5 1"},
+           {{"stray"}, no_answer + "seed", kDialogue},
+           {{"-e"}, no_answer + "number of observations", kDialogue + "\nGive the name of the datafile:\nNo of obs:",
+            "5\nd.dat\nmany\n"}});
 }
