@@ -16,8 +16,10 @@ namespace mixrank {
 
 namespace {
 
-// Side of the tiles of M (I - Q M) Q that are formed one at a time.
-constexpr int kTile = 256;
+// Rows of M (I - Q M) Q formed at a time: full-width row blocks keep the
+// BLAS calls few and large (which also lets a threaded BLAS split them well)
+// while the block stays a small multiple of n.
+constexpr int kRowBlock = 128;
 
 void check_factor(const Matrix& M, const Matrix& Q)
 {
@@ -124,17 +126,14 @@ double projection_instability(const Matrix& M, const Matrix& Q)
     const Real* w = W.Store();
     const Real* q = Q.Store();
 
-    // The n x n product W Q, one tile at a time.
-    std::vector<double> tile(static_cast<std::size_t>(kTile) * kTile);
+    // The n x n product W Q, one block of rows at a time.
+    std::vector<double> block(static_cast<std::size_t>(std::min(kRowBlock, n)) * n);
     double maxval = 0.0;
-    for (int top = 0; top < n; top += kTile) {
-        const int rows = std::min(kTile, n - top);
-        for (int left = 0; left < n; left += kTile) {
-            const int cols = std::min(kTile, n - left);
-            cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, rows, cols, P, 1.0,
-                        w + static_cast<std::size_t>(top) * P, P, q + left, n, 0.0, tile.data(), cols);
-            maxval = largest_magnitude(tile.data(), static_cast<std::size_t>(rows) * cols, maxval);
-        }
+    for (int top = 0; top < n; top += kRowBlock) {
+        const int rows = std::min(kRowBlock, n - top);
+        cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, rows, n, P, 1.0,
+                    w + static_cast<std::size_t>(top) * P, P, q, n, 0.0, block.data(), n);
+        maxval = largest_magnitude(block.data(), static_cast<std::size_t>(rows) * n, maxval);
     }
     return maxval;
 }
