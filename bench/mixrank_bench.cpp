@@ -70,6 +70,7 @@ struct ChildRun {
 
 ChildRun run_binary(const std::string& binary, const std::string& dir, const std::vector<std::string>& args)
 {
+    std::fflush(stdout);  // the child must not inherit buffered output
     const auto t0 = Clock::now();
     const pid_t pid = fork();
     if (pid == 0) {
@@ -195,7 +196,6 @@ int main(int argc, char** argv)
     if (!mkdtemp(tmpl)) return 1;
     const std::string dir = tmpl;
     std::printf("%8s  %-12s %10s %12s\n", "n", "run", "wall s", "peak MB");
-    std::fflush(stdout);  // the children must not inherit buffered output
     for (int n : sizes) {
         const std::string datafile = dir + "/bench.dat";
         std::ofstream(datafile) << synthetic_data(n);

@@ -65,11 +65,7 @@ void read_and_scale(const RunConfig& config, Matrix& x)
 // degrees of freedom lie in the useful range.
 KernelSummary build_kernel(const Matrix& x, Matrix& kstar)
 {
-    Knew(x, kstar);
-    const double knew_total = kstar.Sum();
-    Kstar(kstar);
-    KernelSummary kernel = spectral_dof(kstar);
-    kernel.knew_total = knew_total;
+    const KernelSummary kernel = kernel_matrices(x, kstar);
     // Distinct points give a centred kernel of positive trace; a bandwidth so
     // large or small that the kernel values overflow or vanish does not.
     if (!(std::isfinite(kernel.kxx) && kernel.kxx > 0.0 && std::isfinite(kernel.scale))) {
