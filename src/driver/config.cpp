@@ -9,6 +9,7 @@
 #include <string>
 
 #include "common/settings.h"
+#include "driver/ask.h"
 #include "mixture/records.h"
 
 namespace mixrank {
@@ -80,15 +81,6 @@ void derive_paramfile(RunConfig& config, std::ostream& out)
                        "': the name is shorter than three characters; give it with -p");
     config.paramfile = config.datafile.substr(0, config.datafile.size() - 3) + "param";
     out << "Using parameterfile " << config.paramfile;
-}
-
-// Prints the prompt and reads one answer by formatted extraction; an answer
-// that cannot be read ends the run with one line.
-template <class T>
-void ask(std::istream& in, std::ostream& out, const char* prompt, const char* what, T& answer)
-{
-    out << prompt << std::flush;
-    if (!(in >> answer)) throw RunError(std::string("no usable answer to the question for ") + what);
 }
 
 void ask_data_settings(RunConfig& config, std::istream& in, std::ostream& out)

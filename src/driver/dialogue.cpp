@@ -1,25 +1,8 @@
 #include "driver/dialogue.h"
 
-#include <string>
-
-#include "common/settings.h"
+#include "driver/ask.h"
 
 namespace mixrank {
-
-namespace {
-
-// Prints the prompt (no newline) and reads one answer by formatted
-// extraction. An answer that cannot be read (input ended, or text where a
-// number is wanted) ends the run with one clear line instead of carrying on
-// with an unset value.
-template <class T>
-void ask(std::istream& in, std::ostream& out, const char* prompt, const char* what, T& answer)
-{
-    out << prompt << std::flush;
-    if (!(in >> answer)) throw RunError(std::string("no usable answer to the question for ") + what);
-}
-
-}  // namespace
 
 void ask_max(RunConfig& config, std::istream& in, std::ostream& out)
 {
