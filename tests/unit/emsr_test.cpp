@@ -20,8 +20,7 @@ using namespace mixrank;
 
 namespace {
 
-// Three well separated groups of 20 points in the plane: every start gives
-// groups far above the size guard of EM.
+// Three well separated groups of 20 points in the plane, far above EM's size guard from any start.
 Matrix three_groups()
 {
     unsigned short state[3] = {3, 1, 4};
@@ -32,11 +31,12 @@ Matrix three_groups()
     return x;
 }
 
-std::string run_emsr(const Matrix& x, const std::string& file, int max, int kmn, int rnd, char method, long s)
+// Runs emsr from seed s; returns what it printed.
+std::string run_emsr(const std::string& file, int max, int kmn, int rnd, char method, long s)
 {
     srand48(s);
     io_scratch::CaptureStdout capture;
-    emsr(x, file, max, kmn, rnd, method);
+    emsr(three_groups(), file, max, kmn, rnd, method);
     return capture.text();
 }
 
@@ -46,10 +46,8 @@ TEST(EmsrBestStart, TiesNaNAbandonedFitsAndTheSinglePrecisionBest)
 {
     const double nan = NAN, gone = kAbandonedLoglik;
     const std::pair<std::vector<double>, int> cases[] = {
-        // Ties keep the earliest start.
-        {{-10.0, -5.0, -5.0, -7.0}, 1}, {{-3.0, -3.0, -3.0}, 0}, {{-8.0, -6.0, -4.0, -4.0}, 2},
-        // NaN never wins, and a first NaN blocks all.
-        {{nan, -1.0, 0.0, 5.0}, 0}, {{-5.0, nan, -6.0}, 0}, {{-5.0, nan, -4.0}, 2},
+        {{-10.0, -5.0, -5.0, -7.0}, 1}, {{-3.0, -3.0, -3.0}, 0},  // ties keep the earliest start
+        {{nan, -1.0, 0.0, 5.0}, 0}, {{-5.0, nan, -4.0}, 2},       // NaN never wins; a first NaN blocks all
         // -9e+100 becomes minus infinity in single precision, so every later
         // start beats it, even another abandoned one: all abandoned -> last.
         {{gone, gone, gone, gone}, 3}, {{gone, -100.0, gone}, 1}, {{-100.0, gone, gone}, 0},
@@ -60,104 +58,63 @@ TEST(EmsrBestStart, TiesNaNAbandonedFitsAndTheSinglePrecisionBest)
     for (const auto& c : cases) EXPECT_EQ(best_start(c.first), c.second) << c.first[0] << " " << c.first[1];
 }
 
-TEST(Emsr, EntryAndProgressMessagesForBothVarianceSettings)
+TEST(Emsr, MessagesAndTheNumberOfDrawsForBothVarianceSettings)
 {
     io_scratch::ScratchDir dir;
-    const Matrix x = three_groups();
     const std::string file = dir.file("out.par"), entry = " Estimating Parameters and putting it in " + file;
-    const std::string progress = " Estimating Parameters for 1 components model ....\n"
-                                 " Estimating Parameters for 2 components model ....\n"
-                                 " Estimating Parameters for 3 components model ....\n";
-    EXPECT_EQ(run_emsr(x, file, 3, 0, 0, 'E', 1), entry + " for equal variance setup\n" + progress);
-    EXPECT_EQ(run_emsr(x, file, 3, 0, 0, 'U', 1), entry + "for unequal variance \n" + progress);
-    // Only the upper-case letter selects the common covariance.
-    EXPECT_EQ(run_emsr(x, file, 3, 0, 0, 'e', 1), entry + "for unequal variance \n" + progress);
-}
-
-TEST(Emsr, DrawsNTimesOnePlusStartsPerCount)
-{
-    io_scratch::ScratchDir dir;
-    const Matrix x = three_groups();
-    const long n = x.Nrows();
+    std::string progress;
+    for (int g = 1; g <= 3; ++g) progress += " Estimating Parameters for " + std::to_string(g) + " components model ....\n";
+    EXPECT_EQ(run_emsr(file, 3, 0, 0, 'E', 1), entry + " for equal variance setup\n" + progress);
+    EXPECT_EQ(run_emsr(file, 3, 0, 0, 'U', 1), entry + "for unequal variance \n" + progress);
+    EXPECT_EQ(run_emsr(file, 3, 0, 0, 'e', 1), entry + "for unequal variance \n" + progress);  // upper case only
+    // n (1 + (max - 1)(kmn + rnd)) draws, whatever the starts find.
     const int cases[][4] = {{1, 4, 4, 'E'}, {3, 2, 1, 'E'}, {3, 0, 2, 'U'}, {2, 3, 0, 'U'}, {3, 0, 0, 'E'}};
     for (const auto& c : cases) {  // max, kmn, rnd, method
-        run_emsr(x, dir.file("draws.par"), c[0], c[1], c[2], static_cast<char>(c[3]), 77);
+        run_emsr(file, c[0], c[1], c[2], static_cast<char>(c[3]), 77);
         const double next = drand48();
         srand48(77);
-        for (long i = 0; i < n * (1 + (c[0] - 1) * (c[1] + c[2])); ++i) drand48();
-        EXPECT_EQ(next, drand48()) << c[0] << " " << c[1] << " " << c[2] << " " << c[3];
+        for (long i = 0; i < 60 * (1 + (c[0] - 1) * (c[1] + c[2])); ++i) drand48();
+        EXPECT_EQ(next, drand48()) << c[0] << " " << c[1] << " " << c[2] << " " << char(c[3]);
     }
 }
 
-TEST(Emsr, FileHoldsOneBlockPerComponentCountAndNoOldContent)
+TEST(Emsr, FileOfOneBlockPerCountWithTheBestStartSameForTheSameSeed)
 {
     io_scratch::ScratchDir dir;
-    const Matrix x = three_groups();
-    const int d = x.Ncols();
-    const std::string file = dir.write("blocks.par", "old content that must disappear\n");
+    const std::string a = dir.write("a.par", "old content that must disappear\n"), b = dir.file("b.par");
     for (char method : {'E', 'U'}) {
-        run_emsr(x, file, 4, 1, 1, method, 5);
-        const std::string text = dir.read("blocks.par");
-        int expected = 0;
-        for (int g = 1; g <= 4; ++g) expected += g * (d + 1) + 1;
-        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), expected) << method;
-        EXPECT_EQ(text.find("old"), std::string::npos);
-        // Read back: g mixing proportions summing to 1 in every block.
-        std::ifstream in(file);
-        for (int g = 1; g <= 4; ++g) EXPECT_NEAR(readparam_u(g, d, in).pi.Sum(), 1.0, 1e-5) << method << g;
-        double extra;
-        EXPECT_FALSE(static_cast<bool>(in >> extra)) << "nothing after the last block";
-    }
-}
-
-TEST(Emsr, SameSeedSameFileAndNoRandomStartsNoSeedDependence)
-{
-    io_scratch::ScratchDir dir;
-    const Matrix x = three_groups();
-    const std::string a = dir.file("a.par"), b = dir.file("b.par");
-    for (char method : {'E', 'U'}) {
-        run_emsr(x, a, 3, 2, 2, method, 123);
-        run_emsr(x, b, 3, 2, 2, method, 123);
-        EXPECT_EQ(dir.read("a.par"), dir.read("b.par")) << method;
-        EXPECT_FALSE(dir.read("a.par").empty());
-        run_emsr(x, a, 3, 0, 0, method, 1);
-        run_emsr(x, b, 3, 0, 0, method, 999);
+        run_emsr(a, 4, 1, 1, method, 5);
+        const std::string text = dir.read("a.par");
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3 * (1 + 2 + 3 + 4) + 4) << method;  // g (d + 1) + 1 each
+        std::ifstream in(a);
+        for (int g = 1; g <= 4; ++g) EXPECT_NEAR(readparam_u(g, 2, in).pi.Sum(), 1.0, 1e-5) << method << g;
+        run_emsr(b, 4, 1, 1, method, 5);
+        EXPECT_EQ(dir.read("b.par"), text) << method;
+        run_emsr(a, 3, 0, 0, method, 1);  // linkage starts only: no dependence on the seed
+        run_emsr(b, 3, 0, 0, method, 999);
         EXPECT_EQ(dir.read("a.par"), dir.read("b.par")) << method;
     }
-}
-
-TEST(Emsr, WritesTheBestStartInTableOrder)
-{
-    // Rebuild the g = 2 choice by hand: after the n draws of g = 1 the
-    // linkage starts, then the K-means starts, then the random starts.
-    io_scratch::ScratchDir dir;
+    // The g = 2 choice rebuilt by hand: after the n draws of g = 1, the linkage,
+    // K-means and random starts in table order, the best by best_start.
+    run_emsr(a, 2, 2, 2, 'U', 42);
     const Matrix x = three_groups();
-    run_emsr(x, dir.file("best.par"), 2, 2, 2, 'U', 42);
     srand48(42);
-    randomstart(x, 1);
+    std::ostringstream expected;
+    expected << emunequal(x, randomstart(x, 1), 1);
     const std::vector<ColumnVector> starts = {linkage(x, 2, 's'), linkage(x, 2, 'c'), linkage(x, 2, 'a'),
                                               kmeans(x, 2),       kmeans(x, 2),       randomstart(x, 2),
                                               randomstart(x, 2)};  // evaluated in this order
-    std::vector<emstructuneq> fits;
     std::vector<double> logliks;
-    for (const ColumnVector& grp : starts) {
-        fits.push_back(emunequal(x, grp, 2));
-        logliks.push_back(fits.back().loglik);
-    }
-    std::ostringstream expected;
-    expected << emunequal(x, randomstart(x, 1), 1);  // g = 1 uses no draw-dependent labels
-    expected << fits[best_start(logliks)];
-    EXPECT_EQ(dir.read("best.par"), expected.str());
+    for (const ColumnVector& grp : starts) logliks.push_back(emunequal(x, grp, 2).loglik);
+    expected << emunequal(x, starts[best_start(logliks)], 2);
+    EXPECT_EQ(dir.read("a.par"), expected.str());
 }
 
 TEST(Emsr, RejectsImpossibleSettingsBeforeTouchingTheFile)
 {
     io_scratch::ScratchDir dir;
-    const Matrix x = three_groups();
     const std::string file = dir.write("keep.par", "kept\n");
-    EXPECT_THROW(run_emsr(x, file, 2, -1, 0, 'E', 1), RunError);
-    EXPECT_THROW(run_emsr(x, file, 2, 0, -1, 'U', 1), RunError);
-    EXPECT_THROW(run_emsr(x, file, 21, 0, 0, 'U', 1), RunError);
-    EXPECT_THROW(run_emsr(x, file, 21, 0, 0, 'e', 1), RunError);
+    const int cases[][4] = {{2, -1, 0, 'E'}, {2, 0, -1, 'U'}, {21, 0, 0, 'U'}, {21, 0, 0, 'e'}};
+    for (const auto& c : cases) EXPECT_THROW(run_emsr(file, c[0], c[1], c[2], char(c[3]), 1), RunError) << c[0];
     EXPECT_EQ(dir.read("keep.par"), "kept\n");
 }
