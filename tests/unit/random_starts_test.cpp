@@ -1,91 +1,62 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
-#include <functional>
 #include <vector>
 
 #include "starts/random_starts.h"
 
 using namespace mixrank;
 
-namespace {
-
-// The plain quadratic form, kept as the reference.
-void reference_srswor(int* vector, int length)
+static void reference_srswor(int* vector, int length)  // the plain quadratic form
 {
     for (int i = 0; i < length; ++i) vector[i] = 0;
     for (int number_left = length; number_left >= 1; --number_left) {
         const double cutoff = drand48();
         int i = 1, j = 0, k = -1;
         while (cutoff > static_cast<double>(i) / number_left) ++i;
-        while (j != i)
-            if (vector[++k] == 0) ++j;
+        while (j != i) j += (vector[++k] == 0);
         vector[k] = number_left;
     }
 }
 
-// The array `fill` leaves (and a guard entry past it), then the next draw.
-std::vector<double> permutation(void (*fill)(int*, int), int length, const std::function<void()>& start)
+// The array `fill` leaves (and a guard entry past it), then the next draw; from seed t or,
+// with constant set, from a stream whose every draw is t / 2^48.
+static std::pair<std::vector<int>, double> run(void (*fill)(int*, int), int length, unsigned long long t, bool constant)
 {
+    unsigned short p[7] = {0, 0, 0, 1, 0, 0, 0};  // multiplier 1, addend 0
+    for (int s = 0; s < 3; ++s) p[s] = static_cast<unsigned short>(t >> (16 * s));
+    constant ? lcong48(p) : srand48(static_cast<long>(t));
     std::vector<int> v(length + 1, -5);
-    start();
     fill(v.data(), length);
-    std::vector<double> out(v.begin(), v.end());
-    out.push_back(drand48());
-    return out;
+    return {v, drand48()};
 }
 
-// Every later draw returns t / 2^48 (multiplier 1, addend 0).
-void constant_stream(std::uint64_t t)
+TEST(RandomStarts, SrsworIsThePlainFormForSeedsAndForCutoffsOnTheRankBoundaries)
 {
-    unsigned short p[7] = {std::uint16_t(t), std::uint16_t(t >> 16), std::uint16_t(t >> 32), 1, 0, 0, 0};
-    lcong48(p);
-}
-
-}  // namespace
-
-TEST(Srswor, SameAsPlainFormForSeedsAndForCutoffsOnTheRankBoundaries)
-{
-    std::vector<std::pair<int, std::function<void()>>> runs;
     for (int length : {0, 1, 2, 3, 10, 97, 500})
-        for (long seed = 1; seed <= 20; ++seed) runs.push_back({length, [seed] { srand48(seed); }});
-    // Cutoff 0 and draws just below, at and above k / m, m left (some m round cutoff * m across an integer).
-    for (std::uint64_t m : {1, 2, 3, 4, 5, 6, 7, 12, 35, 47, 197, 349})
-        for (std::uint64_t k = 0; k < m; ++k)
-            for (std::uint64_t t : {(k << 48) / m - (k > 0), (k << 48) / m, (k << 48) / m + 1})
-                runs.push_back({static_cast<int>(m), [t] { constant_stream(t); }});
-    for (const auto& [length, start] : runs)
-        ASSERT_EQ(permutation(srswor, length, start), permutation(reference_srswor, length, start)) << length;
-    srand48(1);  // back to the usual generator
+        for (unsigned long long seed = 1; seed <= 20; ++seed)
+            ASSERT_EQ(run(srswor, length, seed, false), run(reference_srswor, length, seed, false));
+    // Cutoff 0 and draws just below, at and above k / m with m left (some round cutoff * m across an integer).
+    for (unsigned long long m : {1, 2, 3, 4, 5, 6, 7, 12, 35, 47, 197, 349})
+        for (unsigned long long k = 0; k < m; ++k)
+            for (unsigned long long t : {(k << 48) / m - (k > 0), (k << 48) / m, (k << 48) / m + 1})
+                ASSERT_EQ(run(srswor, int(m), t, true), run(reference_srswor, int(m), t, true)) << t;
 }
 
-TEST(RandomStart, LabelsAreCeilingsOfScaledDrawsOnePerObservation)
+TEST(RandomStarts, RandomStartDrawsOncePerObservationAndMindistKeepsAFloatMinimum)
 {
-    const Matrix x(200, 1);  // values are never read
+    srand48(5);  // two calls in a row: the second starts right after the n draws of the first
+    const ColumnVector grp = randomstart(Matrix(200, 1), 4), more = randomstart(Matrix(200, 1), 4);
     srand48(5);
-    const ColumnVector grp = randomstart(x, 4), ones = randomstart(x, 1);
-    const double next = drand48();
-    srand48(5);
-    for (int i = 1; i <= 200; ++i) {
-        EXPECT_EQ(grp(i), std::ceil(4 * drand48())) << i;
-        EXPECT_EQ(ones(i), 1.0);
-    }
-    for (int i = 0; i < 200; ++i) drand48();
-    EXPECT_EQ(next, drand48());
-}
-
-TEST(MinDist, SmallestEntryEarliestTieNotANumberAndSinglePrecisionMinimum)
-{
-    // The running minimum is a float: 2.0000001 is held as 2.0, which 2.0 is not below;
-    // 1 + 0.75 * 2^-23 is held as 1 + 2^-23, so the larger 1 + 0.9 * 2^-23 wins.
-    const std::pair<std::vector<double>, int> cases[] = {
-        {{3, 1, 1}, 2}, {{5, 4, 3, 2}, 4}, {{2, 2}, 1}, {{NAN, 1, 0}, 1}, {{4, NAN, 3}, 3}, {{2.0000001, 2.0}, 1},
-        {{1 + 0.75 * 0x1p-23, 1 + 0.9 * 0x1p-23}, 2}};
-    for (const auto& c : cases) {
-        ColumnVector d(static_cast<int>(c.first.size()));
-        d << c.first.data();
-        EXPECT_EQ(mindist(d), c.second) << c.first[0];
+    for (int i = 1; i <= 400; ++i) EXPECT_EQ(i <= 200 ? grp(i) : more(i - 200), std::ceil(4 * drand48())) << i;
+    EXPECT_EQ(randomstart(Matrix(200, 1), 1).Sum(), 200.0);  // labels ceil(U) are 0 or 1: all of them 1
+    // 2.0000001 is held as 2.0f, which 2.0 is not below; 1 + 0.75 * 2^-23 as 1 + 2^-23, above 1 + 0.9 * 2^-23.
+    const std::pair<std::vector<double>, int> cases[] = {{{3, 1, 1}, 2}, {{2, 2}, 1}, {{NAN, 1, 0}, 1},
+        {{4, NAN, 3}, 3}, {{2.0000001, 2.0}, 1}, {{1 + 0.75 * 0x1p-23, 1 + 0.9 * 0x1p-23}, 2}};
+    for (const auto& [entries, expected] : cases) {
+        ColumnVector d(static_cast<int>(entries.size()));
+        d << entries.data();
+        EXPECT_EQ(mindist(d), expected) << entries[0];
     }
 }
