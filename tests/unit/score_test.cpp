@@ -10,18 +10,15 @@ using namespace risk_support;
 
 namespace {
 
-// Lower triangle of a square matrix, row by row.
-RowVector lower_row(const Matrix& m)
+RowVector lower_row(const Matrix& m)  // the lower triangle, row by row
 {
     RowVector r(m.Nrows() * (m.Nrows() + 1) / 2);
-    int ind = 0;
-    for (int a = 1; a <= m.Nrows(); ++a)
+    for (int a = 1, ind = 0; a <= m.Nrows(); ++a)
         for (int b = 1; b <= a; ++b) r(++ind) = m(a, b);
     return r;
 }
 
-// The score matrix from whole-matrix expressions, row by row; with a common
-// covariance the one covariance block sums the components weighted by pi(k).
+// The score matrix from whole-matrix expressions; the common covariance block sums pi(k)-weighted terms.
 template <class Record>
 Matrix literal_score(const Matrix& x, const Record& fit)
 {
@@ -49,53 +46,40 @@ Matrix literal_score(const Matrix& x, const Record& fit)
     return M;
 }
 
-// Agreement to 1e-12 relative to the largest entry.
-void expect_close(const Matrix& a, const Matrix& b)
-{
-    EXPECT_LT(Matrix(a - b).MaximumAbsoluteValue(), 1e-12 * (1 + b.MaximumAbsoluteValue()));
-}
+void expect_close(const Matrix& a, const Matrix& b)  // to 1e-12 relative to the largest entry
+{ EXPECT_LT(Matrix(a - b).MaximumAbsoluteValue(), 1e-12 * (1 + b.MaximumAbsoluteValue())); }
 
 }  // namespace
 
-TEST(ScoreMatrix, ColumnLayoutForThreeComponentsInTwoDimensions)
+TEST(ScoreMatrix, ColumnLayoutOfBothRecordTypesAgreesWithTheLiteralForm)
 {
     Numbers r(9);
     const Matrix x = r.points(20, 2, 2.5, 3, 1.0);
-    emstruct common;
-    emstructuneq per;
-    r.fits(3, 2, common, per);
     const io_scratch::CaptureStdout out;
-    const Matrix mc = score(x, common, 3), mu = score(x, per, 3);
-    EXPECT_EQ(mc.Ncols(), 12);  // 1 + 6 means + 3 covariance + 2 proportions
-    expect_close(mc, literal_score(x, common));
-    EXPECT_EQ(mu.Ncols(), 18);  // 1 + 6 means + 3 x 3 covariances + 2 proportions
-    expect_close(mu, literal_score(x, per));
-    EXPECT_EQ(out.text(), "");  // the layout check stays silent
+    // d = 2: 1 + 2g means + 3 (common) or 3g (per component) covariance entries + g - 1 proportions.
+    for (const auto& [g, common_columns, per_columns] : {std::tuple{3, 12, 18}, {1, 6, 6}}) {
+        emstruct common; emstructuneq per;
+        r.fits(g, 2, common, per);
+        const Matrix mc = score(x, common, g), mu = score(x, per, g);
+        EXPECT_EQ(mc.Ncols(), common_columns);
+        expect_close(mc, literal_score(x, common));
+        EXPECT_EQ(mu.Ncols(), per_columns);
+        expect_close(mu, literal_score(x, per));
+    }
+    EXPECT_THROW(score(x, emstructuneq(), 0), RunError);  // no components: refused after this message only
+    EXPECT_EQ(out.text(), "Number of components =1");
 }
 
 TEST(ScoreMatrix, SingleNormalInOneDimensionIsItsLogDensityGradient)
 {
-    // Columns 1, (x - mu)/s2 and (-1/s2 + (x - mu)^2/s2^2)/2, no proportion.
-    const Matrix x = Numbers(2).points(3, 1, 4.0) - 1.0;
-    emstruct common;
-    emstructuneq per;
+    const Matrix x = Numbers(2).points(3, 1, 4.0) - 1.0;  // columns 1, r / s2, (r^2 / s2^2 - 1 / s2) / 2
+    emstruct common; emstructuneq per;
     Numbers(1).fits(1, 1, common, per);
     common.mu = 0.7, per.mu = 0.7, common.sigma = 1.6, per.sigma[1].comp = 1.6;
-    for (const Matrix& M : {score(x, common, 1), score(x, per, 1)}) {
-        ASSERT_EQ(M.Ncols(), 3);
+    for (const Matrix& M : {score(x, common, 1), score(x, per, 1)})
         for (int i = 1; i <= 3; ++i) {
             const double r = x(i, 1) - 0.7;
-            EXPECT_EQ(M(i, 1), 1.0);
             EXPECT_NEAR(M(i, 2), r / 1.6, 1e-15);
-            EXPECT_NEAR(M(i, 3), (-1.0 / 1.6 + r * r / (1.6 * 1.6)) / 2.0, 1e-15);
+            EXPECT_NEAR(M(i, 3), (r * r / (1.6 * 1.6) - 1.0 / 1.6) / 2.0, 1e-15);
         }
-    }
-}
-
-TEST(ScoreMatrix, NoComponentsIsRefusedAfterTheComponentMessage)
-{
-    const emstructuneq fit;
-    const io_scratch::CaptureStdout out;
-    EXPECT_THROW(score(Matrix(3, 1), fit, 0), RunError);
-    EXPECT_EQ(out.text(), "Number of components =1");
 }
