@@ -53,6 +53,10 @@ TEST(KernelMatrices, KernelStepFollowsTheDocumentedFormulas)
         EXPECT_NEAR(r.kxx, tr * tr / tr2, 1e-12 * r.kxx);
         EXPECT_NEAR(r.riskf, (tr / n - (centred.Sum() - tr) / (n * (n - 1.0))) / (n - 2), 1e-12 * std::fabs(r.riskf));
         EXPECT_EQ(Matrix(k - centred / r.scale).MaximumAbsoluteValue(), 0.0);  // as the library divides
+        // Identities: every row of the centred kernel sums to zero, and the
+        // rescaled matrix has the degrees of freedom as its trace.
+        for (int i = 1; i <= n; ++i) EXPECT_NEAR(centred.Row(i).Sum(), 0.0, 1e-12 * n) << i;
+        EXPECT_NEAR(k.Trace(), r.kxx, 1e-12 * r.kxx);
     }
 }
 
