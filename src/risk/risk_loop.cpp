@@ -19,13 +19,6 @@ namespace {
 
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-// Number of score columns of a g-component model in d dimensions.
-int score_columns(char method, int d, int g)
-{
-    const int tri = d * (d + 1) / 2;
-    return method == 'E' ? d * g + tri + g : (tri + d) * g + g;
-}
-
 void progress_line(int g, std::ostream& out)
 {
     out << "\b\b\b\b\b\b\b/" << std::string(38, '\b') << "Risk Calculation for " << BOLD
@@ -66,7 +59,7 @@ ModelTerms read_and_assess(Record (*reader)(int, int, std::istream&), const Matr
     const Record final = reader(g, x.Ncols(), param);
     if (model_is_finite(final, g)) return model_terms(x, final, g, kstar, kernel, out);
     // An unread (or non-finite) model: its row shows nan.
-    return ModelTerms{kNaN, kNaN, static_cast<double>(score_columns(method, x.Ncols(), g)), kNaN, kNaN};
+    return ModelTerms{kNaN, kNaN, static_cast<double>(score_columns(method == 'E', x.Ncols(), g)), kNaN, kNaN};
 }
 
 }  // namespace

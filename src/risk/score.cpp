@@ -111,11 +111,17 @@ void proportion_block(const Densities& den, int first, Matrix& M)
 
 }  // namespace
 
+int score_columns(bool common, int d, int g)
+{
+    const int tri = ((d + 1) * d) / 2;
+    return common ? d * g + tri + g : (tri + d) * g + g;
+}
+
 Matrix score(const Matrix& x, const emstruct& final, int component)
 {
     check_model_shape(x, final, component);
     const int n = x.Nrows(), d = x.Ncols(), g = component;
-    const int P = d * g + ((d + 1) * d) / 2 + g;
+    const int P = score_columns(true, d, g);
     Matrix M(n, P);
     const Matrix sigmainverse = final.sigma.i();
     const Densities den = evaluate_densities(x, final.mu, final.pi, g,
@@ -148,7 +154,7 @@ Matrix score(const Matrix& x, const emstructuneq& final, int component)
     check_model_shape(x, final, component);
     const int n = x.Nrows(), d = x.Ncols(), g = component;
     const int tri = d * (d + 1) / 2;
-    const int P = (tri + d) * g + g;
+    const int P = score_columns(false, d, g);
     Matrix M(n, P);
     std::vector<Matrix> inverse_storage(g);
     std::vector<NormalDensity> dens;

@@ -7,6 +7,10 @@
 
 namespace mixrank {
 
+// Number of columns P of the score matrix of a g-component model in d
+// dimensions, with a common covariance or one per component.
+int score_columns(bool common, int d, int g);
+
 Matrix score(const Matrix& x, const emstruct& final, int component);
 Matrix score(const Matrix& x, const emstructuneq& final, int component);
 
