@@ -1,8 +1,10 @@
 // mixrank-plot: draws the quadratic risks (QAIC, QBIC) and the likelihood
 // criteria (AIC, BIC) of a mixrank report file against the number of
-// components, through gnuplot, into a PNG or SVG picture next to the file.
+// components, or the labels of a mixrank-classify file as a scatter-plot
+// matrix, through gnuplot, into a PNG or SVG picture next to the file.
 //
 //   mixrank-plot FILE.risk [png|svg]
+//   mixrank-plot FILE.class [png|svg]
 //
 // The picture is first written to a temporary file in the same directory and
 // renamed only when gnuplot succeeded, so a failure never leaves a damaged or
@@ -26,9 +28,19 @@
 #include <string>
 #include <vector>
 
+#include "plot_class.h"
+#include "plot_text.h"
+
 extern char** environ;
 
 namespace {
+
+using plot::blank;
+using plot::open_input;
+using plot::number;
+using plot::parse_number;
+using plot::quoted;
+using plot::split;
 
 // The report's columns, in file order.
 const std::array<const char*, 10> kColumns = {"No.of.Param", "DISTANCE", "MLF",  "EE",  "QAIC",
@@ -58,15 +70,6 @@ private:
     std::string path_;
 };
 
-std::vector<std::string> split(const std::string& line)
-{
-    std::vector<std::string> words;
-    std::istringstream in(line);
-    std::string w;
-    while (in >> w) words.push_back(w);
-    return words;
-}
-
 // The heading line ends with the terminal reset ESC "[m" (and perhaps a
 // carriage return); neither is part of the column names.
 std::string strip_heading(std::string line)
@@ -78,24 +81,10 @@ std::string strip_heading(std::string line)
     return line;
 }
 
-bool parse_number(const std::string& word, double& value)
-{
-    const char* begin = word.c_str();
-    char* end = nullptr;
-    value = std::strtod(begin, &end);
-    return end != begin && *end == '\0';
-}
-
-bool blank(const std::string& line) { return line.find_first_not_of(" \t\r") == std::string::npos; }
-
 // Reads the rows of a report file; row g belongs to the g-component model.
 std::vector<Row> read_risk(const std::string& path)
 {
-    struct stat st;
-    if (::stat(path.c_str(), &st) != 0) throw PlotError("cannot read " + path + ": " + std::strerror(errno));
-    if (S_ISDIR(st.st_mode)) throw PlotError("cannot read " + path + ": it is a directory");
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw PlotError("cannot read " + path + ": " + std::strerror(errno));
+    std::ifstream in = open_input(path);
     std::string line;
     if (!std::getline(in, line)) throw PlotError(path + " is empty, not a .risk file");
     const std::vector<std::string> names = split(strip_heading(line));
@@ -123,12 +112,17 @@ std::vector<Row> read_risk(const std::string& path)
     return rows;
 }
 
-std::string picture_name(const std::string& risk_path, const std::string& format)
+bool ends_with(const std::string& text, const std::string& suffix)
 {
-    const std::string suffix = ".risk";
-    std::string base = risk_path;
-    if (base.size() > suffix.size() && base.compare(base.size() - suffix.size(), suffix.size(), suffix) == 0)
-        base.erase(base.size() - suffix.size());
+    return text.size() > suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// FILE.risk and FILE.class give FILE.png; other names keep their suffix.
+std::string picture_name(const std::string& path, const std::string& format)
+{
+    std::string base = path;
+    for (const std::string suffix : {".risk", ".class"})
+        if (ends_with(base, suffix)) base.erase(base.size() - suffix.size());
     return base + "." + format;
 }
 
@@ -143,21 +137,6 @@ std::string base_name(const std::string& path)
 {
     const std::string::size_type slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-// A gnuplot single-quoted string: only the quote itself needs doubling.
-std::string quoted(const std::string& text)
-{
-    std::string q = "'";
-    for (char c : text) q += (c == '\'') ? std::string("''") : std::string(1, c);
-    return q + "'";
-}
-
-std::string number(double v)
-{
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%.17g", v);
-    return buf;
 }
 
 // One curve of a panel: its column, its name and its gnuplot colour.
@@ -313,19 +292,27 @@ std::string temp_dir()
     return (t && *t) ? t : "/tmp";
 }
 
-void plot(const std::string& risk_path, const std::string& format)
+// A ".class" file is drawn as classification, anything else as a report.
+void draw(const std::string& path, const std::string& format)
 {
-    const std::vector<Row> rows = read_risk(risk_path);
+    const bool classes = ends_with(path, ".class");
+    std::vector<Row> rows;
+    plot::ClassFile labels;
+    if (classes)
+        labels = plot::read_class(path);
+    else
+        rows = read_risk(path);
     if (!executable_in_path("gnuplot"))
         throw PlotError("gnuplot not found in PATH (install the gnuplot-nox package)");
-    const std::string output = picture_name(risk_path, format);
+    const std::string output = picture_name(path, format);
 
     TempFile picture(make_temp(directory_of(output), base_name(output)));
     TempFile script(make_temp(temp_dir(), "mixrank-plot.gp"));
     TempFile messages(make_temp(temp_dir(), "mixrank-plot.err"));
     {
         std::ofstream gp(script.path());
-        gp << gnuplot_script(rows, base_name(risk_path), picture.path(), format);
+        gp << (classes ? plot::class_script(labels, base_name(path), picture.path(), format)
+                       : gnuplot_script(rows, base_name(path), picture.path(), format));
         if (!gp.flush()) throw PlotError("cannot write the gnuplot script " + script.path());
     }
     run_gnuplot(script.path(), messages.path());
@@ -343,7 +330,7 @@ void plot(const std::string& risk_path, const std::string& format)
 
 int main(int argc, char** argv)
 {
-    const std::string usage = "usage: mixrank-plot FILE.risk [png|svg]";
+    const std::string usage = "usage: mixrank-plot FILE.risk|FILE.class [png|svg]";
     if (argc < 2 || argc > 3) {
         std::cerr << usage << std::endl;
         return 2;
@@ -359,7 +346,7 @@ int main(int argc, char** argv)
         return 2;
     }
     try {
-        plot(argv[1], format);
+        draw(argv[1], format);
     } catch (const std::exception& e) {
         std::cerr << "mixrank-plot: " << e.what() << std::endl;
         return 1;

@@ -1,11 +1,16 @@
 // Measures the speed and memory of mixrank on synthetic data: d = 4, three
 // well-separated normal components, a fixed seed. For every size it runs the
-// real binary with default settings under -equal -2, -unequal -2 and -1
-// (scoring the stored models only), reporting wall seconds and the child's
-// peak resident memory; with --phases it also times the main phases by
-// calling the library directly on the same data.
+// real binary with default settings under the chosen runs (-equal -2,
+// -unequal -2, -equal -1), once per thread count (OMP_NUM_THREADS), and
+// reports wall seconds and the child's peak resident memory. The scoring
+// runs (-equal -1) score six models fitted by -equal -2 on the same data, or,
+// with --models-from N, on N observations of it (so that a large n can be
+// scored without fitting it). --mclust times R's mclust (EEE, G = 1..6, one
+// start) on the same data; --phases times the phases of a -equal -2 run by
+// calling the library directly.
 //
-//   mixrank_bench [--sizes 1000,5000,10000,20000] [--phases] [--binary PATH]
+//   mixrank_bench [--sizes 1000,5000] [--runs e2,u2,e1] [--threads 1,2]
+//                 [--models-from N] [--mclust] [--phases] [--binary PATH]
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,15 +30,9 @@
 #include "common/settings.h"
 #include "io/data_reader.h"
 #include "io/param_file.h"
-#include "mixture/density.h"
-#include "mixture/em.h"
-#include "risk/distance.h"
 #include "risk/kernel.h"
-#include "risk/projection.h"
-#include "risk/score.h"
-#include "starts/kmeans.h"
-#include "starts/linkage.h"
-#include "starts/random_starts.h"
+#include "risk/risk_loop.h"
+#include "starts/emsr.h"
 
 namespace {
 
@@ -68,13 +67,15 @@ struct ChildRun {
     long peak_kb = 0;
 };
 
-ChildRun run_binary(const std::string& binary, const std::string& dir, const std::vector<std::string>& args)
+ChildRun run_binary(const std::string& binary, const std::string& dir, const std::vector<std::string>& args,
+                    int threads)
 {
     std::fflush(stdout);  // the child must not inherit buffered output
     const auto t0 = Clock::now();
     const pid_t pid = fork();
     if (pid == 0) {
         if (chdir(dir.c_str()) != 0) _exit(127);
+        if (threads > 0) setenv("OMP_NUM_THREADS", std::to_string(threads).c_str(), 1);
         if (!freopen("/dev/null", "w", stdout) || !freopen("/dev/null", "r", stdin)) _exit(127);
         std::vector<char*> argv{const_cast<char*>(binary.c_str())};
         for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -100,7 +101,8 @@ double timed(const std::function<void()>& f)
 }
 
 // Times the phases of a default -equal -2 run (G = 6, 10 K-means and 10
-// random starts) by calling the library directly.
+// random starts) by calling the library directly, on the threads the
+// environment allows.
 void phases(const std::string& datafile, int n)
 {
     using namespace mixrank;
@@ -116,57 +118,69 @@ void phases(const std::string& datafile, int n)
         x = read_data(datafile, n, 4);
         scale_columns(x);
     });
-    Matrix kstar;
     KernelSummary kernel;
-    const double t_kernel = timed([&] {
-        Knew(x, kstar);
-        kernel.knew_total = kstar.Sum();
-        Kstar(kstar);
-        const double total = kernel.knew_total;
-        kernel = spectral_dof(kstar);
-        kernel.knew_total = total;
-    });
-    double t_link = 0, t_kmeans = 0, t_random = 0, t_em = 0;
-    std::vector<emstruct> best(7);
-    // One merge sequence per rule gives the linkage starts of every g.
-    std::vector<std::vector<ColumnVector>> linked;
-    t_link = timed([&] { linked = linkage_partitions(x, 6, 2, "sca"); });
-    for (int g = 1; g <= 6; ++g) {
-        std::vector<ColumnVector> starts;
-        if (g == 1) {
-            t_random += timed([&] { starts.push_back(randomstart(x, 1)); });
-        } else {
-            for (int t = 0; t < 3; ++t) starts.push_back(linked[t][6 - g]);
-            for (int k = 0; k < 10; ++k) t_kmeans += timed([&] { starts.push_back(kmeans(x, g)); });
-            for (int k = 0; k < 10; ++k) t_random += timed([&] { starts.push_back(randomstart(x, g)); });
-        }
-        double bestll = -HUGE_VAL;
-        for (const auto& grp : starts) {
-            emstruct fit;
-            t_em += timed([&] { fit = em(x, grp, g); });
-            if (fit.loglik > bestll || g == 1) {
-                bestll = fit.loglik;
-                best[g] = fit;
-            }
-        }
-    }
-    std::vector<double> t_risk(7, 0.0);
-    for (int g = 1; g <= 6; ++g) {
-        t_risk[g] = timed([&] {
-            volatile double ll = log_likelihood(x, best[g]);
-            volatile double d = distance(x, best[g], g, kernel.knew_total);
-            const Matrix M = score(x, best[g], g);
-            volatile double ee = trace_projection_kernel(M, kstar);
-            volatile double st = projection_instability(M);
-            (void)ll; (void)d; (void)ee; (void)st;
-        });
-    }
+    const double t_kernel = timed([&] { kernel = kernel_summary(x); });
+    std::ostringstream param;
+    const double t_fit = timed([&] { emsr(x, "bench.param", param, 6, 10, 10, 'E'); });
+    std::istringstream models(param.str());
+    std::ostringstream screen;
+    const double t_risk = timed([&] { risk_calculation(x, kernel, 6, 'E', models, "bench.param", screen); });
     std::cout.rdbuf(old);
-    std::printf("  phases n=%d: read+scale %.2fs, kernel %.2fs, linkage %.2fs, kmeans %.2fs, random %.2fs, EM %.2fs\n",
-                n, t_read, t_kernel, t_link, t_kmeans, t_random, t_em);
-    std::printf("  risk per model:");
-    for (int g = 1; g <= 6; ++g) std::printf(" g=%d %.2fs", g, t_risk[g]);
-    std::printf("\n");
+    std::printf("  phases n=%d: read+scale %.2fs, kernel %.2fs, fitting (linkage, K-means, EM) %.2fs, "
+                "risk of six models %.2fs\n",
+                n, t_read, t_kernel, t_fit, t_risk);
+}
+
+// Wall seconds of R's mclust fitting the common-covariance model (EEE) with
+// one start for G = 1..6 on the data file, as R's own timer reports it.
+void mclust_time(const std::string& dir, int n)
+{
+    const std::string script =
+        "suppressMessages(library(mclust)); x <- as.matrix(read.table('bench.dat')); "
+        "t <- system.time(m <- Mclust(x, G = 1:6, modelNames = 'EEE', verbose = FALSE)); "
+        "cat(sprintf('%8d  %-12s %7s %10.2f\\n', nrow(x), 'mclust EEE', '', t[['elapsed']]))";
+    std::fflush(stdout);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (chdir(dir.c_str()) != 0) _exit(127);
+        execlp("Rscript", "Rscript", "-e", script.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int raw = 0;
+    waitpid(pid, &raw, 0);
+    if (!WIFEXITED(raw) || WEXITSTATUS(raw) != 0)
+        std::printf("%8d  mclust EEE   (Rscript with the mclust package not available)\n", n);
+}
+
+std::vector<int> number_list(const char* text)
+{
+    std::vector<int> v;
+    std::stringstream s(text);
+    std::string item;
+    while (std::getline(s, item, ',')) v.push_back(std::atoi(item.c_str()));
+    return v;
+}
+
+std::vector<std::string> word_list(const char* text)
+{
+    std::vector<std::string> v;
+    std::stringstream s(text);
+    std::string item;
+    while (std::getline(s, item, ',')) v.push_back(item);
+    return v;
+}
+
+// The arguments of one named run.
+std::vector<std::string> run_arguments(const std::string& run)
+{
+    if (run == "e2") return {"-equal", "-2", "-i", "bench.dat", "-p", "e.param", "-s", "1"};
+    if (run == "u2") return {"-unequal", "-2", "-i", "bench.dat", "-p", "u.param", "-s", "1"};
+    return {"-equal", "-1", "-i", "bench.dat", "-p", "e.param", "-s", "1"};
+}
+
+std::string run_name(const std::string& run)
+{
+    return run == "e2" ? "-equal -2" : run == "u2" ? "-unequal -2" : "-equal -1";
 }
 
 }  // namespace
@@ -174,44 +188,58 @@ void phases(const std::string& datafile, int n)
 int main(int argc, char** argv)
 {
     std::vector<int> sizes = {1000, 5000, 10000, 20000};
+    std::vector<int> threads = {1, 2};
+    std::vector<std::string> runs = {"e2", "u2", "e1"};
     std::string binary = MIXRANK_BINARY;
-    bool with_phases = false;
+    bool with_phases = false, with_mclust = false;
+    int models_from = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
+        const bool more = i + 1 < argc;
         if (a == "--phases") {
             with_phases = true;
-        } else if (a == "--binary" && i + 1 < argc) {
+        } else if (a == "--mclust") {
+            with_mclust = true;
+        } else if (a == "--binary" && more) {
             binary = argv[++i];
-        } else if (a == "--sizes" && i + 1 < argc) {
-            sizes.clear();
-            std::stringstream s(argv[++i]);
-            std::string item;
-            while (std::getline(s, item, ',')) sizes.push_back(std::atoi(item.c_str()));
+        } else if (a == "--sizes" && more) {
+            sizes = number_list(argv[++i]);
+        } else if (a == "--threads" && more) {
+            threads = number_list(argv[++i]);
+        } else if (a == "--runs" && more) {
+            runs = word_list(argv[++i]);
+        } else if (a == "--models-from" && more) {
+            models_from = std::atoi(argv[++i]);
         } else {
-            std::fprintf(stderr, "usage: mixrank_bench [--sizes N,N,...] [--phases] [--binary PATH]\n");
+            std::fprintf(stderr,
+                         "usage: mixrank_bench [--sizes N,...] [--runs e2,u2,e1] [--threads 1,2] "
+                         "[--models-from N] [--mclust] [--phases] [--binary PATH]\n");
             return 2;
         }
     }
     char tmpl[] = "/tmp/mixrank-bench-XXXXXX";
     if (!mkdtemp(tmpl)) return 1;
     const std::string dir = tmpl;
-    std::printf("%8s  %-12s %10s %12s\n", "n", "run", "wall s", "peak MB");
+    const std::string datafile = dir + "/bench.dat";
+    std::printf("%8s  %-12s %7s %10s %10s\n", "n", "run", "threads", "wall s", "peak MB");
     for (int n : sizes) {
-        const std::string datafile = dir + "/bench.dat";
-        std::ofstream(datafile) << synthetic_data(n);
-        const std::vector<std::pair<std::string, std::vector<std::string>>> runs = {
-            {"-equal -2", {"-equal", "-2", "-i", "bench.dat", "-p", "e.param", "-s", "1"}},
-            {"-unequal -2", {"-unequal", "-2", "-i", "bench.dat", "-p", "u.param", "-s", "1"}},
-            {"-equal -1", {"-equal", "-1", "-i", "bench.dat", "-p", "e.param", "-s", "1"}},
-        };
-        for (const auto& [name, args] : runs) {
-            const ChildRun r = run_binary(binary, dir, args);
-            std::printf("%8d  %-12s %10.2f %12.1f%s\n", n, name.c_str(), r.wall, r.peak_kb / 1024.0,
-                        r.status == 0 ? "" : "  (failed)");
-            std::fflush(stdout);
+        if (models_from > 0) {  // the stored models come from a smaller sample
+            std::ofstream(datafile) << synthetic_data(models_from);
+            run_binary(binary, dir, run_arguments("e2"), 0);
         }
+        std::ofstream(datafile) << synthetic_data(n);
+        for (const std::string& run : runs)
+            for (int t : threads) {
+                const ChildRun r = run_binary(binary, dir, run_arguments(run), t);
+                std::printf("%8d  %-12s %7d %10.2f %10.1f%s\n", n, run_name(run).c_str(), t, r.wall,
+                            r.peak_kb / 1024.0, r.status == 0 ? "" : "  (failed)");
+                std::fflush(stdout);
+            }
+        if (with_mclust) mclust_time(dir, n);
         if (with_phases) phases(datafile, n);
     }
-    std::system(("rm -rf " + dir).c_str());
+    for (const char* name : {"bench.dat", "bench.dat.std", "e.param", "u.param", "bench.equal.risk", "bench.unequal.risk"})
+        std::remove((dir + "/" + name).c_str());
+    rmdir(dir.c_str());
     return 0;
 }

@@ -1,14 +1,16 @@
 # The plotting helper and the install rules: `cmake --install <build> --prefix P`
-# puts mixrank and mixrank-plot into P/bin and the manual page into
-# P/share/man/man1.
+# puts mixrank, mixrank-classify and mixrank-plot into P/bin and the manual
+# pages into P/share/man/man1.
 include(GNUInstallDirs)
 
-# mixrank-plot only reads a report file and drives gnuplot: no matrix library.
-add_executable(mixrank_plot ${CMAKE_SOURCE_DIR}/app/mixrank_plot.cpp)
+# mixrank-plot only reads a report or classification file and drives gnuplot:
+# no matrix library.
+add_executable(mixrank_plot ${CMAKE_SOURCE_DIR}/app/mixrank_plot.cpp ${CMAKE_SOURCE_DIR}/app/plot_class.cpp)
 set_target_properties(mixrank_plot PROPERTIES OUTPUT_NAME mixrank-plot)
 
-install(TARGETS mixrank mixrank_plot RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES ${CMAKE_SOURCE_DIR}/doc/mixrank.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(TARGETS mixrank mixrank_classify mixrank_plot RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${CMAKE_SOURCE_DIR}/doc/mixrank.1 ${CMAKE_SOURCE_DIR}/doc/mixrank-classify.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 # The installation test installs this build tree into a temporary prefix and
 # runs the installed programs.
@@ -16,6 +18,8 @@ if(TARGET e2e_tests)
   target_compile_definitions(e2e_tests PRIVATE
     MIXRANK_BUILD_DIR="${CMAKE_BINARY_DIR}"
     MIXRANK_CMAKE="${CMAKE_COMMAND}"
-    MIXRANK_PLOT_BINARY="$<TARGET_FILE:mixrank_plot>")
-  add_dependencies(e2e_tests mixrank_plot)
+    MIXRANK_PLOT_BINARY="$<TARGET_FILE:mixrank_plot>"
+    MIXRANK_CLASSIFY_BINARY="$<TARGET_FILE:mixrank_classify>"
+    MIXRANK_DOC_DIR="${CMAKE_SOURCE_DIR}/doc")
+  add_dependencies(e2e_tests mixrank_plot mixrank_classify)
 endif()

@@ -1,11 +1,10 @@
 #include "driver/run.h"
 
-#include <sys/stat.h>
-
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iostream>
@@ -16,13 +15,17 @@
 #include "common/settings.h"
 #include "driver/config.h"
 #include "driver/dialogue.h"
+#include "driver/run_files.h"
+#include "io/atomic_file.h"
 #include "io/data_checks.h"
 #include "io/data_reader.h"
 #include "io/emmix.h"
+#include "io/whole_file.h"
 #include "risk/kernel.h"
 #include "risk/report.h"
 #include "risk/risk_loop.h"
 #include "starts/emsr.h"
+#include "starts/linkage.h"
 
 namespace mixrank {
 
@@ -31,41 +34,40 @@ namespace {
 const std::string kRule64(64, '_');
 const std::string kRule54(54, '_');
 
-bool is_directory(const std::string& name)
-{
-    struct stat st;
-    return ::stat(name.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 // Reads the data (detecting n and d unless both are given), reports it,
 // refuses data that cannot be scaled or scored, and scales every column to
 // unit spread. Nothing has been written when a refusal ends the run here.
 void read_and_scale(const RunConfig& config, Matrix& x)
 {
-    std::ifstream probe(config.datafile, std::ios::in | std::ios::binary);
-    if (!probe || is_directory(config.datafile)) {
+    // Read once, whole: a FIFO gives its stream once and never makes the run wait.
+    const WholeFile data = read_whole_file(config.datafile);
+    if (data.outcome == WholeFile::cannot_open || data.outcome == WholeFile::directory) {
         std::cout << "Error opening file " << config.datafile << "!" << std::endl;
         throw RunExit{1};
     }
-    probe.close();
+    if (data.outcome == WholeFile::special)
+        throw RunError("the data file '" + config.datafile + "' is not a regular file or a pipe");
+    if (data.outcome == WholeFile::read_failed)
+        throw RunError("cannot read the data file '" + config.datafile + "': " + std::strerror(data.error));
     if (obs != 0 && dim != 0) {
-        x = read_data(config.datafile, obs, dim);
+        x = parse_data(data.bytes, config.datafile, obs, dim);
     } else {
-        x = read_data(config.datafile);
+        x = parse_data(data.bytes, config.datafile);
         obs = x.Nrows();
         dim = x.Ncols();
     }
+    check_sizes(config, config.nocommandline == 0);
     std::cout << "Read  " << obs << "  data points of dimension  " << dim
               << " from file:" << config.datafile << std::endl;
     check_data(x, config.datafile);
     scale_columns(x);
 }
 
-// Builds the centred, rescaled kernel matrix in kstar and reports whether its
-// degrees of freedom lie in the useful range.
-KernelSummary build_kernel(const Matrix& x, Matrix& kstar)
+// The kernel step: the centred kernel's summary and degrees of freedom, and
+// whether they lie in the useful range.
+KernelSummary build_kernel(const Matrix& x)
 {
-    const KernelSummary kernel = kernel_matrices(x, kstar);
+    const KernelSummary kernel = kernel_summary(x);
     // Distinct points give a centred kernel of positive trace; a bandwidth so
     // large or small that the kernel values overflow or vanish does not.
     if (!(std::isfinite(kernel.kxx) && kernel.kxx > 0.0 && std::isfinite(kernel.scale))) {
@@ -96,34 +98,39 @@ void check_kmeans_groups(const RunConfig& config)
                    " groups: ask for fewer components than observations, or for no K-means starts");
 }
 
-void estimate(RunConfig& config, const Matrix& x, const std::string& datafile_std, char which)
+// Obtains the fitted models and returns the parameter file's bytes as the
+// scoring must read them. The own estimator writes through a temporary file
+// that replaces the parameter file only when every model is written; its
+// bytes are read back through that file, whatever another run has renamed
+// over the name since.
+std::string estimate(RunConfig& config, const Matrix& x, const std::string& datafile_std, char which)
 {
+    if (which == 'N') check_linkage_memory(obs, dim, config.max);
     std::ofstream std_copy(datafile_std, std::ios::out | std::ios::trunc);
     write_scaled_copy(std_copy, x, datafile_std);
     if (config.nocommandline == 1) ask_starts(config, std::cin, std::cout);
     if (which == 'N') check_kmeans_groups(config);
     if (which == 'E') {
         std::cout << "STARTED  EMMIX   (parameters stored in)   " << config.paramfile << std::endl;
-        emmix(datafile_std, config.paramfile, obs, config.max, dim, config.nokmn, config.nornd,
-              config.method);
+        try {
+            emmix(datafile_std, config.paramfile, obs, config.max, dim, config.nokmn, config.nornd,
+                  config.method);
+        } catch (const RunError&) {
+            remove_exchange_files(datafile_std);
+            throw;
+        }
         std::cout << kRule64 << "\n"
                   << "FINISHED USING EMMIX   (parameters stored in)   " << config.paramfile << "\n"
                   << kRule64 << std::endl;
-    } else {
-        emsr(x, config.paramfile, config.max, config.nokmn, config.nornd, config.method);
-        std::cout << kRule64 << "\n"
-                  << "FINISHED USING EMSR  (parameters stored in)   " << config.paramfile << "\n"
-                  << kRule64 << std::endl;
+        return stored_parameters(config.paramfile);
     }
-}
-
-void clean_up(const std::string& datafile_std)
-{
-    std::cout.flush();
-    std::string mycommand = "rm -f " + datafile_std + ".em";
-    (void)std::system(mycommand.c_str());
-    mycommand = "rm -f sample.out";
-    (void)std::system(mycommand.c_str());
+    AtomicFile param("parameter file", config.paramfile, AtomicFile::Interrupted::keep_records);
+    emsr(x, config.paramfile, param.stream(), config.max, config.nokmn, config.nornd, config.method);
+    param.commit();
+    std::cout << kRule64 << "\n"
+              << "FINISHED USING EMSR  (parameters stored in)   " << config.paramfile << "\n"
+              << kRule64 << std::endl;
+    return param.read_back();
 }
 
 void report_time(std::clock_t sam1, std::clock_t sam2, double dif)
@@ -146,29 +153,32 @@ int run(int argc, char** argv)
     RunConfig config = configure(argc, argv, std::cin, std::cout);
     // Before any file is read: in interactive mode h, n and d were typed.
     check_settings(config, config.nocommandline == 1);
+    install_interrupt_handlers();
+    check_sizes(config, config.nocommandline == 0);  // -n and -d given: before reading
 
     Matrix x;
     read_and_scale(config, x);
-    Matrix kstar;
-    const KernelSummary kernel = build_kernel(x, kstar);
+    const KernelSummary kernel = build_kernel(x);
 
     if (config.nocommandline == 1) ask_max(config, std::cin, std::cout);
     std::cout << "\n";
     if (config.nocommandline == 1) ask_source(config, std::cin, std::cout);
+    check_sizes(config, true);
     const std::string datafile_std = config.datafile + ".std";
 
     const char which = static_cast<char>(std::toupper(static_cast<unsigned char>(config.EstMethod)));
-    if (which == 'E' || which == 'N') estimate(config, x, datafile_std, which);
-
-    std::ifstream param(config.paramfile);
-    const RiskTable table = risk_calculation(x, kstar, kernel, config.max, config.method, param,
-                                             config.paramfile, std::cout);
+    check_file_names(config, datafile_std, which);
+    std::istringstream param(which == 'E' || which == 'N' ? estimate(config, x, datafile_std, which)
+                                                          : stored_parameters(config.paramfile));
+    const RiskTable table =
+        risk_calculation(x, kernel, config.max, config.method, param, config.paramfile, std::cout);
     report(table, kernel.kxx, config.max, config.datafile, config.Methodname, std::cout);
 
     const std::clock_t sam2 = std::clock();
     const std::time_t end = std::time(nullptr);
     const double dif = std::difftime(end, start);
-    clean_up(datafile_std);
+    std::cout.flush();
+    remove_exchange_files(datafile_std);
     report_time(sam1, sam2, dif);
     return 0;
 }

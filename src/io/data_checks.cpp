@@ -1,6 +1,8 @@
 #include "io/data_checks.h"
 
+#include <climits>
 #include <cmath>
+#include <cstdio>
 #include <sstream>
 
 #include "common/settings.h"
@@ -23,9 +25,9 @@ void check_size(const Matrix& x, const std::string& datafile)
 void check_finite(const Matrix& x, const std::string& datafile)
 {
     const Real* v = x.Store();
-    const int n = x.Nrows(), d = x.Ncols();
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < d; ++j)
+    const std::size_t n = static_cast<std::size_t>(x.Nrows()), d = static_cast<std::size_t>(x.Ncols());
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t j = 0; j < d; ++j)
             if (!std::isfinite(v[i * d + j]))
                 throw RunError("row " + std::to_string(i + 1) + ", column " +
                                std::to_string(j + 1) + " of the data file '" + datafile +
@@ -59,6 +61,19 @@ void check_spread(const Matrix& x, const std::string& datafile)
 }
 
 }  // namespace
+
+void check_matrix_size(const std::string& what, std::size_t rows, std::size_t cols)
+{
+    const std::size_t limit = INT_MAX;
+    const bool fits = rows <= limit && cols <= limit && (cols == 0 || rows <= limit / cols);
+    if (fits) return;
+    const long double values = static_cast<long double>(rows) * static_cast<long double>(cols);
+    char gb[32];
+    std::snprintf(gb, sizeof gb, "%.1Lf", values * sizeof(Real) / 1e9L);
+    throw RunError("the " + what + " of " + std::to_string(rows) + " x " + std::to_string(cols) +
+                   " numbers would need " + gb + " GB; the matrix library holds at most " +
+                   std::to_string(INT_MAX) + " numbers in one matrix");
+}
 
 void check_data(const Matrix& x, const std::string& datafile)
 {

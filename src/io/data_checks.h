@@ -4,6 +4,7 @@
 // infinities and NaNs.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "common/matrix.h"
@@ -20,5 +21,10 @@ constexpr int kMinObservations = 3;
 // number (a constant column cannot be scaled). Uses the global obs, as the
 // column scaling does.
 void check_data(const Matrix& x, const std::string& datafile);
+
+// Refuses (RunError), before anything is allocated, a matrix of rows x cols
+// numbers the matrix library cannot index (its sizes are int), naming the
+// memory it would need. what names the matrix ("data matrix").
+void check_matrix_size(const std::string& what, std::size_t rows, std::size_t cols);
 
 }  // namespace mixrank

@@ -1,6 +1,14 @@
 #include "io/emmix.h"
 
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -25,18 +33,74 @@ void write_answer_script(std::ostream& script, const std::string& datafile,
     script << r3 << "\n" << r2 << "\n" << r1 << "\n";
 }
 
+namespace {
+
+struct FileState {
+    bool exists = false;
+    struct stat st {};
+};
+
+FileState state_of(const std::string& name)
+{
+    FileState f;
+    f.exists = ::stat(name.c_str(), &f.st) == 0;
+    return f;
+}
+
+bool before(const struct timespec& a, const struct timespec& b)
+{
+    return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
+}
+
+bool same(const struct timespec& a, const struct timespec& b)
+{
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+// Starts ./emmix with the script as its standard input, without a shell, and
+// waits for it. Its exit status is not examined.
+void run_program(const std::string& script)
+{
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, script.c_str(), O_RDONLY, 0);
+    char program[] = "./emmix";
+    char* const argv[] = {program, nullptr};
+    pid_t pid;
+    const int error = ::posix_spawn(&pid, program, &actions, nullptr, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) throw RunError(std::string("cannot start ./emmix: ") + std::strerror(error));
+    int status;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace
+
 double emmix(const std::string& datafile, const std::string& paramfile, int obs, int max, int dim,
              int nokmn, int nornd, char method)
 {
     const std::string emmix_input_file = datafile + ".em";
-    const std::string emmix_command = "./emmix < " + emmix_input_file;
     {
         std::ofstream script(emmix_input_file, std::ios::out | std::ios::trunc);
         write_answer_script(script, datafile, paramfile, obs, max, dim, nokmn, nornd, method);
+        script.close();
+        if (!script) throw RunError("cannot write the answer script '" + emmix_input_file + "' for ./emmix");
     }
+    const FileState script = state_of(emmix_input_file);
+    const FileState old = state_of(paramfile);
     std::cout.flush();
     std::fflush(stdout);
-    (void)std::system(emmix_command.c_str());
+    run_program(emmix_input_file);
+    // The file must be new: written after the script (file times can be
+    // equal within one clock tick), and not the file that was there before.
+    const FileState now = state_of(paramfile);
+    const bool unchanged = old.exists && now.exists && old.st.st_ino == now.st.st_ino &&
+                           old.st.st_dev == now.st.st_dev && old.st.st_size == now.st.st_size &&
+                           same(old.st.st_mtim, now.st.st_mtim) && same(old.st.st_ctim, now.st.st_ctim);
+    if (!now.exists || unchanged || before(now.st.st_mtim, script.st.st_mtim))
+        throw RunError("./emmix left no parameter file '" + paramfile +
+                       "' newer than its answer script; nothing to score");
     return 0;
 }
 

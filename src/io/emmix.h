@@ -1,5 +1,5 @@
 // Bridge to the external mixture-fitting program ./emmix: writes its answer
-// script and runs it through the shell.
+// script and starts the program with it (no shell is involved).
 #pragma once
 
 #include <ostream>
@@ -14,8 +14,10 @@ void write_answer_script(std::ostream& script, const std::string& datafile,
                          const std::string& paramfile, int obs, int max, int dim, int nokmn,
                          int nornd, char method);
 
-// Writes the answer script datafile + ".em", runs "./emmix < " with it and
-// returns 0. Neither the script nor the program's outcome is checked.
+// Writes the answer script datafile + ".em", starts ./emmix in the working
+// directory with the script as its standard input, waits for it and returns
+// 0. Its exit status is not examined, but RunError when it cannot be started
+// or leaves no parameter file newer than the script.
 double emmix(const std::string& datafile, const std::string& paramfile, int obs, int max, int dim,
              int nokmn, int nornd, char method);
 

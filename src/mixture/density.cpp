@@ -3,6 +3,8 @@
 #include <cmath>
 #include <iostream>
 
+#include "mixture/lanes.h"
+
 namespace mixrank {
 
 double normal_constant(int p) { return std::pow(6.283186, p / 2); }
@@ -20,22 +22,77 @@ NormalDensity::NormalDensity(const Matrix& sigmainv)
     : p_(sigmainv.Nrows()),
       inv_(sigmainv.Store(), sigmainv.Store() + p_ * p_),
       sqrt_det_(std::sqrt(sigmainv.LogDeterminant().Value())),
-      constant_(normal_constant(p_)),
-      diff_(p_)
+      constant_(normal_constant(p_))
 {
 }
 
 double NormalDensity::operator()(const Real* x, const Real* mean) const
 {
-    for (int j = 0; j < p_; ++j) diff_[j] = x[j] - mean[j];
+    constexpr int kOnStack = 16;
+    double local[kOnStack];
+    std::vector<double> large;
+    double* diff = local;
+    if (p_ > kOnStack) {
+        large.resize(p_);
+        diff = large.data();
+    }
+    for (int j = 0; j < p_; ++j) diff[j] = x[j] - mean[j];
     // (diff * inv) first, then times diff transposed, as MVNpdf forms it.
     double temp = 0.0;
     for (int j = 0; j < p_; ++j) {
         double t = 0.0;
-        for (int k = 0; k < p_; ++k) t += diff_[k] * inv_[k * p_ + j];
-        temp += t * diff_[j];
+        for (int k = 0; k < p_; ++k) t += diff[k] * inv_[k * p_ + j];
+        temp += t * diff[j];
     }
-    return std::exp(temp / -2.0) * sqrt_det_ / constant_;
+    return at(temp);
+}
+
+using lanes::load;
+using lanes::Pair;
+using lanes::store;
+
+void NormalDensity::quadratic_forms(const Real* columns, std::size_t stride, std::size_t count, const Real* mean,
+                                    Scratch& s) const
+{
+    const std::size_t p = static_cast<std::size_t>(p_);
+    // The differences column by column: observation b of column j at
+    // diff[j * kBlock + b]; the unused tail of a short block is zero.
+    double* diff = s.diff.data();
+    for (std::size_t j = 0; j < p; ++j) {
+        const Real* from = columns + j * stride;
+        double* to = diff + j * kBlock;
+        const double m = mean[j];
+        std::size_t b = 0;
+        for (; b + 2 <= count; b += 2) store(to + b, load(from + b) - m);
+        for (; b < count; ++b) to[b] = from[b] - m;
+        for (; b < kBlock; ++b) to[b] = 0.0;
+    }
+    // Eight observations at a time, as operator() forms one: for every j,
+    // t = sum over k of diff_k inv(k, j), then temp += t diff_j.
+    constexpr int kPairs = 4;
+    static_assert(kBlock % (2 * kPairs) == 0, "whole steps per block");
+    const double* inv = inv_.data();
+    for (std::size_t b = 0; b < kBlock; b += 2 * kPairs) {
+        Pair q[kPairs];
+#pragma GCC unroll 8
+        for (int g = 0; g < kPairs; ++g) q[g] = Pair{0.0, 0.0};
+        for (std::size_t j = 0; j < p; ++j) {
+            Pair t[kPairs];
+#pragma GCC unroll 8
+            for (int g = 0; g < kPairs; ++g) t[g] = Pair{0.0, 0.0};
+            for (std::size_t k = 0; k < p; ++k) {
+                const double c = inv[k * p + j];
+                const double* dk = diff + k * kBlock + b;
+#pragma GCC unroll 8
+                for (int g = 0; g < kPairs; ++g) t[g] += load(dk + 2 * g) * c;
+            }
+            const double* dj = diff + j * kBlock + b;
+#pragma GCC unroll 8
+            for (int g = 0; g < kPairs; ++g) q[g] += t[g] * load(dj + 2 * g);
+        }
+#pragma GCC unroll 8
+        for (int g = 0; g < kPairs; ++g) store(s.q.data() + b + 2 * g, q[g]);
+    }
 }
 
 std::vector<NormalDensity> component_densities(const emstruct& fit)

@@ -2,6 +2,8 @@
 // log-likelihood and maximum-posterior classification.
 #pragma once
 
+#include <cmath>
+#include <cstddef>
 #include <vector>
 
 #include "common/matrix.h"
@@ -19,8 +21,19 @@ double MVNpdf(const RowVector& x, const RowVector& mew, const Matrix& sigmainv);
 
 // The same density with the inverse and its determinant prepared once, for
 // loops over many observations. Evaluates in the same order as MVNpdf.
+// Constructing one calls the matrix library; evaluating it does not, and one
+// object may be evaluated from several threads at once.
 class NormalDensity {
 public:
+    // Observations handled by one call of quadratic_forms.
+    static constexpr std::size_t kBlock = 64;
+
+    // Working arrays of quadratic_forms, one set per thread.
+    struct Scratch {
+        explicit Scratch(int p) : diff(static_cast<std::size_t>(p) * kBlock), q(kBlock) {}
+        std::vector<double> diff, q;
+    };
+
     NormalDensity() = default;
     explicit NormalDensity(const Matrix& sigmainv);
     // x and mean point at p consecutive doubles (for example a row of a
@@ -28,12 +41,21 @@ public:
     double operator()(const Real* x, const Real* mean) const;
     int dimension() const { return p_; }
 
+    // The quadratic forms (x_b - mean) inv (x_b - mean)^T of `count` <= kBlock
+    // observations into scratch.q[0..count). The data are held by columns:
+    // coordinate j of observation b at columns[j * stride + b]. Every form is
+    // built by the same operations in the same order as in operator(); the
+    // block only lets one instruction serve several observations.
+    void quadratic_forms(const Real* columns, std::size_t stride, std::size_t count, const Real* mean,
+                         Scratch& scratch) const;
+    // The density for a quadratic form from quadratic_forms.
+    double at(double q) const { return std::exp(q / -2.0) * sqrt_det_ / constant_; }
+
 private:
     int p_ = 0;
     std::vector<double> inv_;  // p x p, row-major
     double sqrt_det_ = 0.0;
     double constant_ = 1.0;
-    mutable std::vector<double> diff_;
 };
 
 // Densities of every component of a fit, each with its inverse prepared once.

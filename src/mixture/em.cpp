@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iostream>
 #include <string>
 #include <vector>
 
+#include "common/parallel.h"
 #include "common/settings.h"
-#include "mixture/em_pass.h"
+#include "mixture/lanes.h"
 
 namespace mixrank {
 
@@ -15,99 +17,132 @@ using em_pass::State;
 
 namespace {
 
-// Adds w * (x_i^T x_i - m^T m) to the symmetric p x p accumulator (row-major).
-void add_raw_moment(std::vector<double>& acc, double w, const Real* xi, const Real* m, int p)
+std::size_t packed_length(int p) { return FitData::packed_length(p); }
+
+// out[ab] = m[a] * m[b] for the packed upper triangle.
+void packed_squares(const double* m, int p, double* out)
 {
+    std::size_t e = 0;
     for (int a = 0; a < p; ++a)
-        for (int b = a; b < p; ++b) acc[a * p + b] += w * (xi[a] * xi[b] - m[a] * m[b]);
+        for (int b = a; b < p; ++b) out[e++] = m[a] * m[b];
 }
 
-// Adds w * (x_i - m)^T (x_i - m) to the symmetric accumulator.
-void add_deviation(std::vector<double>& acc, double w, const Real* xi, const Real* m,
-                   std::vector<double>& d, int p)
+// Adds w * (x_i - m)^T (x_i - m) to the packed accumulator.
+void add_deviation(std::vector<double>& acc, double w, const Real* xi, const double* m, std::vector<double>& d,
+                   int p)
 {
     for (int a = 0; a < p; ++a) d[a] = xi[a] - m[a];
+    std::size_t e = 0;
     for (int a = 0; a < p; ++a)
-        for (int b = a; b < p; ++b) acc[a * p + b] += w * (d[a] * d[b]);
+        for (int b = a; b < p; ++b) acc[e++] += w * (d[a] * d[b]);
 }
 
-// out = acc * (1 / divisor), the accumulator's upper triangle mirrored.
-void scaled_symmetric(const std::vector<double>& acc, double divisor, int p, Matrix& out)
+// out = acc * (1 / divisor), the packed upper triangle mirrored; with m,
+// minus m^T m as well.
+void unpack_scaled(const std::vector<double>& acc, double divisor, int p, std::vector<double>& out,
+                   const double* m = nullptr)
 {
-    out.ReSize(p, p);
-    Real* o = out.Store();
+    const std::size_t q = static_cast<std::size_t>(p);
+    out.resize(q * q);
     const double scale = 1.0 / divisor;
-    for (int a = 0; a < p; ++a)
-        for (int b = a; b < p; ++b) o[a * p + b] = o[b * p + a] = acc[a * p + b] * scale;
+    std::size_t e = 0;
+    for (std::size_t a = 0; a < q; ++a)
+        for (std::size_t b = a; b < q; ++b, ++e) {
+            const double v = m != nullptr ? acc[e] * scale - m[a] * m[b] : acc[e] * scale;
+            out[a * q + b] = out[b * q + a] = v;
+        }
+}
+
+// The density of a covariance: its inverse and that inverse's determinant
+// come from the matrix library, under its lock.
+NormalDensity density_of(const std::vector<double>& sigma, int p)
+{
+    return with_matrix_lock([&] {
+        Matrix s(p, p);
+        std::copy(sigma.begin(), sigma.end(), s.Store());
+        const Matrix inverse = s.i();
+        return NormalDensity(inverse);
+    });
+}
+
+// The raw-moment sums of the covariance update: w_ik (x_i^T x_i - mu_k^T
+// mu_k) added, in observation order and within an observation in component
+// order, to acc[0] (shared covariance) or acc[k] (one per component), packed
+// triangles.
+void raw_moments(const FitData& x, const State& s, bool shared, std::vector<std::vector<double>>& acc)
+{
+    constexpr std::size_t kBlock = 64;
+    const int p = x.p();
+    const std::size_t K = static_cast<std::size_t>(s.K), length = packed_length(p);
+    std::vector<double> mm(K * length, 0.0);
+    for (std::size_t k = 0; k < K; ++k) packed_squares(&s.mu[k * p], p, &mm[k * length]);
+    for (auto& a : acc) a.assign(length, 0.0);
+    for (std::size_t first = 0; first < x.n(); first += kBlock) {
+        const std::size_t count = std::min(kBlock, x.n() - first);
+        const double* w = s.w.data() + first * K;
+        if (shared)
+            lanes::add_weighted_rows<true>(acc[0].data(), x.squares(first), mm.data(), length, w, K, 0, K, count);
+        else
+            for (std::size_t k = 0; k < K; ++k)
+                lanes::add_weighted_rows<true>(acc[k].data(), x.squares(first), mm.data(), length, w, K, k, k + 1,
+                                               count);
+    }
 }
 
 // One covariance shared by all components, updated from raw moments
 // (divisor n) or from deviations about the new means.
 class CommonCovariance {
 public:
-    CommonCovariance(Matrix& sigma, int K, bool deviation_form)
-        : sigma_(sigma), K_(K), deviation_(deviation_form)
+    CommonCovariance(std::vector<double>& sigma, int K, int p, bool deviation_form)
+        : sigma_(sigma), K_(K), p_(p), deviation_(deviation_form)
     {
     }
 
-    void densities(std::vector<NormalDensity>& dens)
-    {
-        const NormalDensity common{Matrix(sigma_.i())};
-        dens.assign(K_, common);
-    }
+    void densities(std::vector<NormalDensity>& dens) { dens.assign(K_, density_of(sigma_, p_)); }
 
-    void update(const Matrix& x, const State& s)
+    void update(const FitData& x, const State& s)
     {
-        const int n = x.Nrows(), p = x.Ncols();
-        const Real* xs = x.Store();
-        const Real* ws = s.w.Store();
-        const Real* ms = s.mu.Store();
-        std::vector<double> acc(p * p, 0.0), d(p);
-        for (int i = 0; i < n; ++i)
-            for (int k = 0; k < K_; ++k) {
-                const double w = ws[i * K_ + k];
-                if (deviation_)
-                    add_deviation(acc, w, xs + i * p, ms + k * p, d, p);
-                else
-                    add_raw_moment(acc, w, xs + i * p, ms + k * p, p);
-            }
-        scaled_symmetric(acc, n, p, sigma_);
+        std::vector<std::vector<double>> acc(1);
+        if (deviation_) {
+            acc[0].assign(packed_length(p_), 0.0);
+            std::vector<double> d(p_);
+            for (std::size_t i = 0; i < x.n(); ++i)
+                for (int k = 0; k < K_; ++k)
+                    add_deviation(acc[0], s.w[i * K_ + k], x.row(i), &s.mu[k * p_], d, p_);
+        } else {
+            raw_moments(x, s, true, acc);
+        }
+        unpack_scaled(acc[0], static_cast<double>(x.n()), p_, sigma_);
     }
 
 private:
-    Matrix& sigma_;
-    int K_;
+    std::vector<double>& sigma_;
+    int K_, p_;
     bool deviation_;
 };
 
-// One covariance per component (slots 1..K), raw-moment update with the
-// component's weight sum as divisor.
+// One covariance per component, raw-moment update with the component's
+// weight sum as divisor.
 class ComponentCovariances {
 public:
-    explicit ComponentCovariances(std::vector<Matrix>& sigma) : sigma_(sigma) {}
+    ComponentCovariances(std::vector<std::vector<double>>& sigma, int p) : sigma_(sigma), p_(p) {}
 
     void densities(std::vector<NormalDensity>& dens)
     {
         dens.clear();
-        for (std::size_t k = 1; k < sigma_.size(); ++k) dens.emplace_back(Matrix(sigma_[k].i()));
+        for (const auto& s : sigma_) dens.push_back(density_of(s, p_));
     }
 
-    void update(const Matrix& x, const State& s)
+    void update(const FitData& x, const State& s)
     {
-        const int n = x.Nrows(), p = x.Ncols(), K = s.mu.Nrows();
-        const Real* xs = x.Store();
-        const Real* ws = s.w.Store();
-        const Real* ms = s.mu.Store();
-        std::vector<double> acc(p * p);
-        for (int k = 0; k < K; ++k) {
-            std::fill(acc.begin(), acc.end(), 0.0);
-            for (int i = 0; i < n; ++i) add_raw_moment(acc, ws[i * K + k], xs + i * p, ms + k * p, p);
-            scaled_symmetric(acc, s.nk(k + 1), p, sigma_[k + 1]);
-        }
+        std::vector<std::vector<double>> acc(s.K);
+        raw_moments(x, s, false, acc);
+        for (int k = 0; k < s.K; ++k) unpack_scaled(acc[k], s.nk[k], p_, sigma_[k]);
     }
 
 private:
-    std::vector<Matrix>& sigma_;
+    std::vector<std::vector<double>>& sigma_;
+    int p_;
 };
 
 void require(bool ok, const std::string& message)
@@ -115,164 +150,206 @@ void require(bool ok, const std::string& message)
     if (!ok) throw RunError(message);
 }
 
-void check_shape(const Matrix& x, int K)
+void check_shape(int p, int K)
 {
     require(K >= 1, "EM needs at least one component, got " + std::to_string(K));
-    require(x.Ncols() >= 1, "EM needs data with at least one column");
+    require(p >= 1, "EM needs data with at least one column");
 }
 
 // Label of observation i (0-based) as a component index 0..K-1.
-int label_index(const ColumnVector& grp, int i, int K)
+std::size_t label_index(const double* grp, std::size_t i, int K)
 {
-    const double g = grp(i + 1);
+    const double g = grp[i];
     if (!(g >= 1.0 && g < K + 1.0))
         throw RunError("starting partition: observation " + std::to_string(i + 1) + " has label " +
                        std::to_string(g) + ", outside 1.." + std::to_string(K));
-    return static_cast<int>(g) - 1;
+    return static_cast<std::size_t>(g) - 1;
 }
 
-// Means, sizes and proportions of the starting partition; sizes the state.
-void start_from_partition(const Matrix& x, const ColumnVector& grp, int K, State& s)
+// Means (still group sums), sizes and proportions of the starting partition.
+void start_from_partition(const FitData& x, const double* grp, int K, State& s)
 {
-    const int n = x.Nrows(), p = x.Ncols();
-    require(grp.Nrows() == n, "starting partition has " + std::to_string(grp.Nrows()) +
-                                  " labels for " + std::to_string(n) + " observations");
-    s.mu.ReSize(K, p);
-    s.mu = 0.0;
-    s.nk.ReSize(K);
-    s.nk = 0.0;
-    s.pi.ReSize(K);
-    s.w.ReSize(n, K);
-    const Real* xs = x.Store();
-    Real* ms = s.mu.Store();
-    for (int i = 0; i < n; ++i) {
-        const int k = label_index(grp, i, K);
-        for (int j = 0; j < p; ++j) ms[k * p + j] += xs[i * p + j];
-        s.nk(k + 1) += 1.0;
+    const std::size_t p = static_cast<std::size_t>(x.p());
+    s.resize(x.n(), K, x.p());
+    std::fill(s.mu.begin(), s.mu.end(), 0.0);
+    std::fill(s.nk.begin(), s.nk.end(), 0.0);
+    for (std::size_t i = 0; i < x.n(); ++i) {
+        const std::size_t k = label_index(grp, i, K);
+        const Real* xi = x.row(i);
+        for (std::size_t j = 0; j < p; ++j) s.mu[k * p + j] += xi[j];
+        s.nk[k] += 1.0;
     }
-    const double scale = 1.0 / s.nk.Sum();
-    for (int k = 1; k <= K; ++k) s.pi(k) = s.nk(k) * scale;
+    double total = 0.0;
+    for (double size : s.nk) total += size;
+    const double scale = 1.0 / total;
+    for (int k = 0; k < K; ++k) s.pi[k] = s.nk[k] * scale;
 }
 
-// Row k (0-based) of the means, still a group sum, divided by its size.
+// Row k of the means, still a group sum, divided by its size.
 void divide_group_sum(State& s, int k)
 {
-    const int p = s.mu.Ncols();
-    const double scale = 1.0 / s.nk(k + 1);
-    Real* m = s.mu.Store() + k * p;
-    for (int j = 0; j < p; ++j) m[j] *= scale;
+    const double scale = 1.0 / s.nk[k];
+    double* m = &s.mu[static_cast<std::size_t>(k) * s.p];
+    for (int j = 0; j < s.p; ++j) m[j] *= scale;
 }
 
-// Adds x_i^T x_i (row i, 0-based) to a symmetric accumulator.
-void add_squares(const Matrix& x, int i, std::vector<double>& acc)
+// Adds x_i^T x_i to a packed accumulator.
+void add_squares(const FitData& x, std::size_t i, std::vector<double>& acc)
 {
-    const int p = x.Ncols();
-    const Real* xi = x.Store() + i * p;
-    for (int a = 0; a < p; ++a)
-        for (int b = a; b < p; ++b) acc[a * p + b] += xi[a] * xi[b];
-}
-
-// out = acc * (1 / divisor) - m^T m, mirrored from the upper triangle.
-void moment_minus_outer(const std::vector<double>& acc, double divisor, const Real* m, int p, Matrix& out)
-{
-    out.ReSize(p, p);
-    Real* o = out.Store();
-    const double scale = 1.0 / divisor;
-    for (int a = 0; a < p; ++a)
-        for (int b = a; b < p; ++b) o[a * p + b] = o[b * p + a] = acc[a * p + b] * scale - m[a] * m[b];
+    const double* sq = x.squares(i);
+    for (std::size_t e = 0; e < acc.size(); ++e) acc[e] += sq[e];
 }
 
 // Total covariance of the data about the grand mean, divisor n; turns the
 // group sums in s.mu into means on the way.
-void total_covariance(const Matrix& x, State& s, Matrix& sigma)
+void total_covariance(const FitData& x, State& s, std::vector<double>& sigma)
 {
-    const int n = x.Nrows(), p = x.Ncols(), K = s.mu.Nrows();
+    const int p = x.p();
     std::vector<double> gm(p, 0.0);
-    for (int k = 0; k < K; ++k) {
-        const Real* m = s.mu.Store() + k * p;
+    for (int k = 0; k < s.K; ++k) {
+        const double* m = &s.mu[static_cast<std::size_t>(k) * p];
         for (int j = 0; j < p; ++j) gm[j] += m[j];
         divide_group_sum(s, k);
     }
-    const double scale = 1.0 / n;
+    const double scale = 1.0 / static_cast<double>(x.n());
     for (int j = 0; j < p; ++j) gm[j] *= scale;
-    std::vector<double> acc(p * p, 0.0);
-    for (int i = 0; i < n; ++i) add_squares(x, i, acc);
-    moment_minus_outer(acc, n, gm.data(), p, sigma);
+    std::vector<double> acc(packed_length(p), 0.0);
+    for (std::size_t i = 0; i < x.n(); ++i) add_squares(x, i, acc);
+    unpack_scaled(acc, static_cast<double>(x.n()), p, sigma, gm.data());
 }
 
-// Each group's covariance about its own mean, divisor its size; slots 1..K.
-void group_covariances(const Matrix& x, const ColumnVector& grp, State& s, std::vector<Matrix>& sigma)
+// Each group's covariance about its own mean, divisor its size.
+void group_covariances(const FitData& x, const double* grp, State& s, std::vector<std::vector<double>>& sigma)
 {
-    const int n = x.Nrows(), p = x.Ncols(), K = s.mu.Nrows();
-    std::vector<std::vector<double>> acc(K, std::vector<double>(p * p, 0.0));
-    for (int i = 0; i < n; ++i) add_squares(x, i, acc[label_index(grp, i, K)]);
-    sigma.resize(K + 1);
+    const int p = x.p(), K = s.K;
+    std::vector<std::vector<double>> acc(K, std::vector<double>(packed_length(p), 0.0));
+    for (std::size_t i = 0; i < x.n(); ++i) add_squares(x, i, acc[label_index(grp, i, K)]);
+    sigma.resize(K);
     for (int k = 0; k < K; ++k) {
         divide_group_sum(s, k);
-        moment_minus_outer(acc[k], s.nk(k + 1), s.mu.Store() + k * p, p, sigma[k + 1]);
+        unpack_scaled(acc[k], s.nk[k], p, sigma[k], &s.mu[static_cast<std::size_t>(k) * p]);
     }
+}
+
+MixtureFit finished(State& s, std::vector<std::vector<double>> sigma)
+{
+    MixtureFit fit;
+    fit.K = s.K;
+    fit.p = s.p;
+    fit.mu = std::move(s.mu);
+    fit.sigma = std::move(sigma);
+    fit.pi = std::move(s.pi);
+    fit.loglik = s.l_i;
+    return fit;
+}
+
+void copy_into(const std::vector<double>& from, int rows, int cols, Matrix& to)
+{
+    to.ReSize(rows, cols);
+    std::copy(from.begin(), from.end(), to.Store());
+}
+
+void copy_into(const std::vector<double>& from, ColumnVector& to)
+{
+    to.ReSize(static_cast<int>(from.size()));
+    std::copy(from.begin(), from.end(), to.Store());
+}
+
+const double* labels_of(const Matrix& x, const ColumnVector& grp)
+{
+    require(grp.Nrows() == x.Nrows(), "starting partition has " + std::to_string(grp.Nrows()) +
+                                          " labels for " + std::to_string(x.Nrows()) + " observations");
+    return grp.Store();
 }
 
 }  // namespace
 
-emstruct em(const Matrix& x, const ColumnVector& grp, int K)
+MixtureFit fit_common(const FitData& x, const double* grp, int K, std::ostream& out)
 {
-    check_shape(x, K);
+    check_shape(x.p(), K);
     State s;
-    Matrix sigma;
+    std::vector<double> sigma;
     start_from_partition(x, grp, K, s);
     total_covariance(x, s, sigma);
-    CommonCovariance model(sigma, K, false);
-    em_pass::run(x, s, model, SizeGuard::report);
+    CommonCovariance model(sigma, K, x.p(), false);
+    em_pass::run(x, s, model, SizeGuard::report, out);
+    return finished(s, {std::move(sigma)});
+}
+
+MixtureFit fit_components(const FitData& x, const double* grp, int K, std::ostream& out)
+{
+    check_shape(x.p(), K);
+    require(K <= kMaxUnequalComponents, "component covariances allow at most " +
+                                            std::to_string(kMaxUnequalComponents) +
+                                            " components, got " + std::to_string(K));
+    State s;
+    std::vector<std::vector<double>> sigma;
+    start_from_partition(x, grp, K, s);
+    group_covariances(x, grp, s, sigma);
+    ComponentCovariances model(sigma, x.p());
+    em_pass::run(x, s, model, SizeGuard::silent, out);
+    return finished(s, std::move(sigma));
+}
+
+void record(const MixtureFit& fit, emstruct& out)
+{
+    copy_into(fit.mu, fit.K, fit.p, out.mu);
+    copy_into(fit.sigma.front(), fit.p, fit.p, out.sigma);
+    copy_into(fit.pi, out.pi);
+    out.loglik = fit.loglik;
+}
+
+void record(const MixtureFit& fit, emstructuneq& out)
+{
+    copy_into(fit.mu, fit.K, fit.p, out.mu);
+    for (int k = 1; k <= fit.K; ++k) copy_into(fit.sigma[k - 1], fit.p, fit.p, out.sigma[k].comp);
+    copy_into(fit.pi, out.pi);
+    out.loglik = fit.loglik;
+}
+
+emstruct em(const Matrix& x, const ColumnVector& grp, int K)
+{
+    check_shape(x.Ncols(), K);
+    const double* labels = labels_of(x, grp);
     emstruct result;
-    result.mu = s.mu;
-    result.sigma = sigma;
-    result.pi = s.pi;
-    result.loglik = s.l_i;
+    record(fit_common(FitData(x), labels, K, std::cout), result);
     return result;
 }
 
 emstructuneq emunequal(const Matrix& x, const ColumnVector& grp, int K)
 {
-    check_shape(x, K);
+    check_shape(x.Ncols(), K);
     require(K <= kMaxUnequalComponents, "component covariances allow at most " +
                                             std::to_string(kMaxUnequalComponents) +
                                             " components, got " + std::to_string(K));
-    State s;
-    std::vector<Matrix> sigma;
-    start_from_partition(x, grp, K, s);
-    group_covariances(x, grp, s, sigma);
-    ComponentCovariances model(sigma);
-    em_pass::run(x, s, model, SizeGuard::silent);
+    const double* labels = labels_of(x, grp);
     emstructuneq result;
-    result.mu = s.mu;
-    for (int k = 1; k <= K; ++k) result.sigma[k].comp = sigma[k];
-    result.pi = s.pi;
-    result.loglik = s.l_i;
+    record(fit_components(FitData(x), labels, K, std::cout), result);
     return result;
 }
 
 emstruct em_from_initial_estimates(const Matrix& x, Matrix mu, Matrix sigma, ColumnVector pi, int K)
 {
-    check_shape(x, K);
     const int p = x.Ncols();
+    check_shape(p, K);
     require(mu.Nrows() == K && mu.Ncols() == p, "starting means must be " + std::to_string(K) +
                                                      " x " + std::to_string(p));
     require(sigma.Nrows() == p && sigma.Ncols() == p,
             "starting covariance must be " + std::to_string(p) + " x " + std::to_string(p));
     require(pi.Nrows() == K, "starting proportions must have " + std::to_string(K) + " entries");
+    const FitData data(x);
     State s;
-    s.mu = mu;
-    s.pi = pi;
-    s.nk.ReSize(K);
-    s.nk = 0.0;
-    s.w.ReSize(x.Nrows(), K);
-    CommonCovariance model(sigma, K, true);
-    em_pass::run(x, s, model, SizeGuard::none);
+    s.resize(data.n(), K, p);
+    std::copy(mu.Store(), mu.Store() + s.mu.size(), s.mu.begin());
+    std::copy(pi.Store(), pi.Store() + K, s.pi.begin());
+    std::fill(s.nk.begin(), s.nk.end(), 0.0);
+    std::vector<double> cov(sigma.Store(), sigma.Store() + static_cast<std::size_t>(p) * p);
+    CommonCovariance model(cov, K, p, true);
+    em_pass::run(data, s, model, SizeGuard::none, std::cout);
     emstruct result;
-    result.mu = s.mu;
-    result.sigma = sigma;
-    result.pi = s.pi;
+    copy_into(s.mu, K, p, result.mu);
+    copy_into(cov, p, p, result.sigma);
+    copy_into(s.pi, result.pi);
     result.loglik = std::log(s.last_density);
     return result;
 }

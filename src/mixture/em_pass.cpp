@@ -1,59 +1,108 @@
 #include "mixture/em_pass.h"
 
+#include <algorithm>
 #include <cmath>
-#include <iostream>
+#include <cstddef>
+
+#include "mixture/lanes.h"
 
 namespace mixrank {
+std::size_t FitData::packed_length(int p)
+{
+    const std::size_t q = static_cast<std::size_t>(p);
+    const std::size_t length = q * (q + 1) / 2;
+    return length + length % 2;
+}
+
+FitData::FitData(const Matrix& x)
+    : n_(static_cast<std::size_t>(x.Nrows())),
+      p_(x.Ncols()),
+      rows_(x.Store(), x.Store() + n_ * static_cast<std::size_t>(std::max(p_, 0))),
+      columns_(rows_.size()),
+      squares_(n_ * packed_length(p_), 0.0)
+{
+    const std::size_t p = static_cast<std::size_t>(p_), length = packed_length(p_);
+    for (std::size_t i = 0; i < n_; ++i) {
+        const double* xi = row(i);
+        double* sq = &squares_[i * length];
+        for (std::size_t a = 0; a < p; ++a) {
+            columns_[a * n_ + i] = xi[a];
+            for (std::size_t b = a; b < p; ++b) *sq++ = xi[a] * xi[b];
+        }
+    }
+}
+
 namespace em_pass {
 
-double expectation(const Matrix& x, const std::vector<NormalDensity>& dens, State& s)
+void State::resize(std::size_t n, int components, int dimension)
 {
-    const int n = x.Nrows(), p = x.Ncols(), K = s.mu.Nrows();
-    const Real* xs = x.Store();
-    const Real* ms = s.mu.Store();
-    const Real* pi = s.pi.Store();
-    Real* ws = s.w.Store();
+    K = components;
+    p = dimension;
+    const std::size_t k = static_cast<std::size_t>(K);
+    mu.resize(k * static_cast<std::size_t>(p));
+    pi.resize(k);
+    nk.resize(k);
+    w.resize(n * k);
+}
+
+double expectation(const FitData& x, const std::vector<NormalDensity>& dens, State& s)
+{
+    constexpr std::size_t kBlock = NormalDensity::kBlock;
+    const std::size_t n = x.n(), p = static_cast<std::size_t>(x.p()), K = static_cast<std::size_t>(s.K);
+    const double* ms = s.mu.data();
+    const double* pi = s.pi.data();
+    double* ws = s.w.data();
+    NormalDensity::Scratch scratch(x.p());
     double loglik = 0.0;
-    for (int i = 0; i < n; ++i) {
-        Real* wi = ws + i * K;
-        double temp = 0.0;
-        for (int k = 0; k < K; ++k) {
-            wi[k] = pi[k] * dens[k](xs + i * p, ms + k * p);
-            temp += wi[k];
+    for (std::size_t first = 0; first < n; first += kBlock) {
+        const std::size_t count = std::min(kBlock, n - first);
+        // The weights pi_k f_k(x_i) of the block, component by component ...
+        for (std::size_t k = 0; k < K; ++k) {
+            dens[k].quadratic_forms(x.column(0) + first, n, count, ms + k * p, scratch);
+            const double* q = scratch.q.data();
+            for (std::size_t b = 0; b < count; ++b) ws[(first + b) * K + k] = pi[k] * dens[k].at(q[b]);
         }
-        const double scale = 1.0 / temp;
-        for (int k = 0; k < K; ++k) wi[k] *= scale;
-        loglik += std::log(temp);
-        s.last_density = temp;
+        // ... then each observation's sum over the components, in order.
+        for (std::size_t i = first; i < first + count; ++i) {
+            double* wi = ws + i * K;
+            double temp = 0.0;
+            for (std::size_t k = 0; k < K; ++k) temp += wi[k];
+            const double scale = 1.0 / temp;
+            for (std::size_t k = 0; k < K; ++k) wi[k] *= scale;
+            loglik += std::log(temp);
+            s.last_density = temp;
+        }
     }
     return loglik;
 }
 
-void update_means(const Matrix& x, State& s)
+void update_means(const FitData& x, State& s)
 {
-    const int n = x.Nrows(), p = x.Ncols(), K = s.mu.Nrows();
-    const Real* xs = x.Store();
-    const Real* ws = s.w.Store();
-    Real* nk = s.nk.Store();
-    Real* mu = s.mu.Store();
-    for (int k = 0; k < K; ++k) nk[k] = 0.0;
-    for (int e = 0; e < K * p; ++e) mu[e] = 0.0;
-    for (int i = 0; i < n; ++i) {
-        const Real* xi = xs + i * p;
-        for (int k = 0; k < K; ++k) {
-            const double wik = ws[i * K + k];
-            nk[k] += wik;
-            Real* mk = mu + k * p;
-            for (int j = 0; j < p; ++j) mk[j] += wik * xi[j];
+    // Per component, the weight sum and the weighted sums of the columns,
+    // accumulated together as the sums over i of w_ik (1, x_i): w_ik * 1 is
+    // w_ik itself, so every sum is the plain one, in observation order.
+    constexpr std::size_t kBlock = 64;
+    const std::size_t n = x.n(), p = static_cast<std::size_t>(x.p()), K = static_cast<std::size_t>(s.K);
+    const std::size_t stride = (p + 2) / 2 * 2;  // 1 + p, rounded up to even
+    std::vector<double> rows(kBlock * stride, 0.0), acc(K * stride, 0.0);
+    for (std::size_t first = 0; first < n; first += kBlock) {
+        const std::size_t count = std::min(kBlock, n - first);
+        for (std::size_t b = 0; b < count; ++b) {
+            rows[b * stride] = 1.0;
+            std::copy(x.row(first + b), x.row(first + b) + p, &rows[b * stride + 1]);
         }
+        const double* w = s.w.data() + first * K;
+        for (std::size_t k = 0; k < K; ++k)
+            lanes::add_weighted_rows<false>(&acc[k * stride], rows.data(), nullptr, stride, w, K, k, k + 1, count);
     }
-    for (int k = 0; k < K; ++k) {
-        const double scale = 1.0 / nk[k];
-        for (int j = 0; j < p; ++j) mu[k * p + j] *= scale;
+    double* mu = s.mu.data();
+    for (std::size_t k = 0; k < K; ++k) {
+        s.nk[k] = acc[k * stride];
+        const double scale = 1.0 / s.nk[k];
+        for (std::size_t j = 0; j < p; ++j) mu[k * p + j] = acc[k * stride + 1 + j] * scale;
     }
-    const double scale = 1.0 / n;
-    Real* pi = s.pi.Store();
-    for (int k = 0; k < K; ++k) pi[k] = nk[k] * scale;
+    const double scale = 1.0 / static_cast<double>(n);
+    for (std::size_t k = 0; k < K; ++k) s.pi[k] = s.nk[k] * scale;
 }
 
 bool converged(const State& s)
@@ -63,12 +112,20 @@ bool converged(const State& s)
     return l_inf - s.l_i < 1e-06 && s.iterations > 4;
 }
 
-bool too_small(const State& s, SizeGuard guard)
+double smallest_size(const State& s)
+{
+    double smallest = s.nk.front();
+    for (std::size_t k = 1; k < s.nk.size(); ++k)
+        if (smallest > s.nk[k]) smallest = s.nk[k];
+    return smallest;
+}
+
+bool too_small(const State& s, SizeGuard guard, std::ostream& out)
 {
     if (guard == SizeGuard::none) return false;
-    const double smallest = s.nk.Minimum();
+    const double smallest = smallest_size(s);
     if (!(smallest < kSmallestSize)) return false;
-    if (guard == SizeGuard::report) std::cout << "\n" << smallest << " to small n " << std::endl;
+    if (guard == SizeGuard::report) out << "\n" << smallest << " to small n " << std::endl;
     return true;
 }
 

@@ -7,9 +7,13 @@
 // Every scaling by a scalar is done as the matrix library does it, by
 // multiplying with the reciprocal, and every sum runs in observation order,
 // so the results agree bit for bit with the same steps written as whole
-// matrix operations.
+// matrix operations. The working state lives in plain arrays: a fit touches
+// the matrix library only where its covariance model inverts, under the
+// library's lock, so fits can run side by side on worker threads.
 #pragma once
 
+#include <cstddef>
+#include <ostream>
 #include <vector>
 
 #include "common/matrix.h"
@@ -17,6 +21,31 @@
 #include "mixture/records.h"
 
 namespace mixrank {
+
+// The data of the fits in the layouts the passes read: by rows, by columns,
+// and every row's products x_i^T x_i (the upper triangle row by row, (0,0),
+// (0,1), ..., (1,1), ..., padded with a zero to an even length). Built once
+// from the matrix on the calling thread; any number of fits may then read it
+// at once.
+class FitData {
+public:
+    explicit FitData(const Matrix& x);
+
+    std::size_t n() const { return n_; }
+    int p() const { return p_; }
+    const Real* row(std::size_t i) const { return &rows_[i * static_cast<std::size_t>(p_)]; }
+    const Real* column(int j) const { return &columns_[static_cast<std::size_t>(j) * n_]; }
+    const Real* squares(std::size_t i) const { return &squares_[i * packed_length(p_)]; }
+
+    // Entries of a packed upper triangle of a p x p matrix, padded to even.
+    static std::size_t packed_length(int p);
+
+private:
+    std::size_t n_;
+    int p_;
+    std::vector<double> rows_, columns_, squares_;
+};
+
 namespace em_pass {
 
 // Passes are counted from 1; a fit makes at most this many.
@@ -26,45 +55,54 @@ constexpr double kSmallestSize = 4.0;
 
 // Working state of one fit.
 struct State {
-    Matrix mu;        // K x p current means
-    ColumnVector pi;  // K current proportions
-    ColumnVector nk;  // K sizes: label counts at the start, weight sums later
-    Matrix w;         // n x K posterior weights of the last E-step
+    int K = 0, p = 0;
+    std::vector<double> mu;  // K x p current means, row-major
+    std::vector<double> pi;  // K current proportions
+    std::vector<double> nk;  // K sizes: label counts at the start, weight sums later
+    std::vector<double> w;   // n x K posterior weights of the last E-step, row-major
     double l_i = 0.0, l_i1 = 0.0, l_i2 = 0.0;
     int iterations = 1;
     double last_density = 0.0;  // mixture density of observation n, last E-step
+
+    // Sizes every array for n observations; contents are left to the caller.
+    void resize(std::size_t n, int components, int dimension);
 };
 
 // What happens when the smallest component size is below kSmallestSize.
 enum class SizeGuard {
     none,    // not checked at all
     silent,  // abandon the fit without a word
-    report,  // abandon the fit and say so on standard output
+    report,  // abandon the fit and say so on the given stream
 };
 
 // E-step: fills s.w with the normalised weights, s.last_density, and returns
 // the log-likelihood of the parameters in force.
-double expectation(const Matrix& x, const std::vector<NormalDensity>& dens, State& s);
+double expectation(const FitData& x, const std::vector<NormalDensity>& dens, State& s);
 
 // M-step for nk, mu and pi from s.w.
-void update_means(const Matrix& x, State& s);
+void update_means(const FitData& x, State& s);
 
 // The Aitken stopping rule on l_i2, l_i1, l_i and the pass count.
 bool converged(const State& s);
 
-// True (after printing the message if asked) when the fit must be abandoned.
-bool too_small(const State& s, SizeGuard guard);
+// The smallest size, found as the matrix library finds a minimum: the first
+// entry, replaced by every later one below it (so a NaN first entry stays).
+double smallest_size(const State& s);
+
+// True (after printing the message to out if asked) when the fit must be
+// abandoned.
+bool too_small(const State& s, SizeGuard guard, std::ostream& out);
 
 // Runs passes until convergence, the pass limit or the size guard.
 // Model needs: void densities(std::vector<NormalDensity>&) (inverts once)
-// and void update(const Matrix& x, const State& s) (covariance M-step).
+// and void update(const FitData& x, const State& s) (covariance M-step).
 template <class Model>
-void run(const Matrix& x, State& s, Model& model, SizeGuard guard)
+void run(const FitData& x, State& s, Model& model, SizeGuard guard, std::ostream& out)
 {
     std::vector<NormalDensity> dens;
     bool notconverged = true;
     while (notconverged && s.iterations <= kPassLimit) {
-        if (too_small(s, guard)) {
+        if (too_small(s, guard, out)) {
             s.l_i = kAbandonedLoglik;
             break;
         }

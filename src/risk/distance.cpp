@@ -50,13 +50,14 @@ double centred_mean(const std::vector<double>& kx, double kk, double knew_total,
     if (kUnbiased) {
         // Pairs j < i only: every diagonal kernel entry is 1/(h^d c).
         const double diagonal = n / (std::pow(h, static_cast<double>(d)) * normal_constant(d));
-        const double kstar_sum =
-            (knew_total - diagonal) / 2.0 - (n - 1) * sum_kx + (n * (n - 1) / 2.0) * kk;
-        return (kstar_sum + kstar_sum) / (n * (n - 1));
+        const double pairs = static_cast<double>(n) * (n - 1);
+        const double kstar_sum = (knew_total - diagonal) / 2.0 - (n - 1) * sum_kx + (pairs / 2.0) * kk;
+        return (kstar_sum + kstar_sum) / pairs;
     }
-    const double kstar_sum =
-        knew_total - 2.0 * n * sum_kx + static_cast<double>(n * n) * kk;
-    return kstar_sum / (n * n);
+    // n * n as a whole number (exact in double for any n that fits in memory).
+    const double nn = static_cast<double>(n) * n;
+    const double kstar_sum = knew_total - 2.0 * n * sum_kx + nn * kk;
+    return kstar_sum / nn;
 }
 
 }  // namespace

@@ -1,69 +1,14 @@
 #include "risk/kernel.h"
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#include <unistd.h>
-#endif
+#include <cblas.h>
 
-#include <algorithm>
 #include <cmath>
-#include <cstddef>
-#include <cstdint>
 #include <ostream>
-#include <vector>
 
 #include "common/settings.h"
-#include "mixture/density.h"
+#include "risk/kernel_blocks.h"
 
 namespace mixrank {
-
-namespace {
-
-// Side of the square tiles in which the symmetric matrices are filled: a
-// tile of the lower triangle and its mirror image both stay in cache.
-constexpr int kTile = 64;
-
-// Stores value(i, j) at (i, j) and (j, i) for every j <= i (0-based), tile by
-// tile. value may read entry (i, j) of s: an entry of the lower triangle is
-// only written when its own value is stored, so it is read before that.
-template <class Value>
-void fill_symmetric(Real* s, int n, Value value)
-{
-    const std::size_t stride = n;
-    for (int top = 0; top < n; top += kTile) {
-        const int bottom = std::min(top + kTile, n);
-        for (int left = 0; left <= top; left += kTile)
-            for (int i = top; i < bottom; ++i) {
-                Real* row = s + i * stride;
-                const int right = std::min(left + kTile, i + 1);
-                for (int j = left; j < right; ++j) {
-                    const double v = value(i, j);
-                    row[j] = v;
-                    s[j * stride + i] = v;
-                }
-            }
-    }
-}
-
-// Asks the system to back a freshly allocated, not yet written block with
-// large pages where it can: touching gigabytes of memory for the first time,
-// small page by small page, can cost more than filling it. Only a hint.
-void prefer_large_pages(Real* block, std::size_t count)
-{
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-    const long size = sysconf(_SC_PAGESIZE);
-    if (size <= 0) return;
-    const std::uintptr_t page = static_cast<std::uintptr_t>(size);
-    const std::uintptr_t first = (reinterpret_cast<std::uintptr_t>(block) + page - 1) / page * page;
-    const std::uintptr_t last = reinterpret_cast<std::uintptr_t>(block + count) / page * page;
-    if (last > first) (void)madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
-#else
-    (void)block;
-    (void)count;
-#endif
-}
-
-}  // namespace
 
 double variance(const ColumnVector& x)
 {
@@ -81,92 +26,154 @@ void scale_columns(Matrix& x)
     }
 }
 
-void Knew(const Matrix& x, Matrix& knew)
+double centred_entry(double k, std::size_t i, std::size_t j, const KernelSummary& kernel)
 {
-    const int n = x.Nrows(), d = x.Ncols();
-    knew.ReSize(n, n);
-    prefer_large_pages(knew.Store(), static_cast<std::size_t>(n) * n);
-    const double norm = std::pow(h, static_cast<double>(d)) * normal_constant(d);
-    const double hh = h * h;
-    const Real* xs = x.Store();
-    fill_symmetric(knew.Store(), n, [&](int i, int j) {
-        const Real* xi = xs + static_cast<std::size_t>(i) * d;
-        const Real* xj = xs + static_cast<std::size_t>(j) * d;
-        double tempval = 0.0;
-        for (int c = 0; c < d; ++c) {
-            const double diff = xj[c] - xi[c];
-            tempval += diff * diff;
-        }
-        return std::exp((tempval * -0.5) / hh) / norm;
-    });
+    const double first = kernel.meanofrow[i < j ? j : i], second = kernel.meanofrow[i < j ? i : j];
+    return k - first - second + kernel.overallmean;
 }
 
-double Kstar(Matrix& k)
+namespace {
+
+// How much of the kernel's sum of squares the centring may cancel before the
+// centred entries are summed one by one instead.
+constexpr double kMaxCancellation = 100.0;
+
+// Row means and total of the kernel (each row summed in column order, the
+// total as the sum of the row sums in row order), and the sum of squares of
+// every row.
+void kernel_means(const KernelBlocks& k, KernelSummary& r, std::vector<double>& sums,
+                  std::vector<double>& squares)
 {
-    const int n = k.Nrows();
-    const std::size_t stride = n;
-    Real* s = k.Store();
-    // Row means and the total (summed in storage order, as Sum() does) in
-    // one pass.
-    std::vector<double> meanofrow(n);
-    double total = 0.0;
-    for (int i = 0; i < n; ++i) {
-        const Real* row = s + i * stride;
-        double sum = 0.0;
-        for (int j = 0; j < n; ++j) {
-            sum += row[j];
-            total += row[j];
+    const std::size_t n = k.size();
+    sums.assign(n, 0.0);
+    squares.assign(n, 0.0);
+    k.for_each_block([&](std::size_t top, std::size_t rows, std::size_t, std::size_t cols, double* block) {
+        for (std::size_t a = 0; a < rows; ++a) {
+            double sum = sums[top + a], sq = squares[top + a];
+            for (std::size_t b = 0; b < cols; ++b) {
+                const double v = block[a * cols + b];
+                sum += v;
+                sq += v * v;
+            }
+            sums[top + a] = sum;
+            squares[top + a] = sq;
         }
-        meanofrow[i] = sum / n;
-    }
-    const double overallmean = total / std::pow(n, 2.0);
-    fill_symmetric(s, n, [&](int i, int j) {
-        return s[i * stride + j] - meanofrow[i] - meanofrow[j] + overallmean;
     });
-    return total;
+    r.meanofrow.resize(n);
+    double total = 0.0;
+    for (std::size_t i = 0; i < n; ++i) {
+        total += sums[i];
+        r.meanofrow[i] = sums[i] / static_cast<double>(n);
+    }
+    r.knew_total = total;
+    r.overallmean = total / std::pow(static_cast<double>(n), 2.0);
 }
 
-KernelSummary spectral_dof(Matrix& kstar)
+// The degrees of freedom from trace(K*), trace(K* K*) and the sum of the
+// entries of K*.
+void degrees_of_freedom(std::size_t n, double trace, double squares, double total, KernelSummary& r)
 {
-    const int n = kstar.Nrows();
-    const std::size_t stride = n;
-    Real* s = kstar.Store();
-    KernelSummary r;
-    r.scale = 0.0;
-    // One pass for trace(K* K*) (for a symmetric K*, diagonal entry i of the
-    // product is the sum of squares of row i) and the sum of all entries.
-    r.kxxsquared = 0.0;
-    double total = 0.0;
-    for (int i = 0; i < n; ++i) {
-        const Real* row = s + i * stride;
-        double diag = 0.0;
-        for (int j = 0; j < n; ++j) {
-            diag += row[j] * row[j];
-            total += row[j];
-        }
-        r.kxxsquared += diag;
-    }
-    r.kxx = 0.0;
-    for (int i = 0; i < n; ++i) r.kxx += s[i * stride + i];
+    const double nd = static_cast<double>(n);
+    r.kxxsquared = squares;
+    r.kxx = trace;
     r.kff = total - r.kxx;
-    r.riskf = (r.kxx / n - r.kff / (n * static_cast<double>(n - 1))) *
-              (1.0 / static_cast<double>(n - 2));
+    r.riskf = (r.kxx / nd - r.kff / (nd * (nd - 1.0))) * (1.0 / (nd - 2.0));
     r.scale = r.kxxsquared / r.kxx;
-    // Division by a scalar as the matrix library does it: times the reciprocal.
-    const double factor = 1.0 / r.scale;
-    const std::size_t count = stride * stride;
-    for (std::size_t e = 0; e < count; ++e) s[e] *= factor;
     r.kxx = r.kxx / r.scale;
+}
+
+// trace(K*), trace(K* K*) and the sum of the entries of K* from the kernel's
+// row sums and sums of squares, without another pass: with
+// v_i = meanofrow(i) - overallmean / 2, K*(i, j) = K(i, j) - v_i - v_j and
+//   sum K*^2 = sum K^2 - 4 sum_i r_i v_i + 2 n sum v_i^2 + 2 (sum v_i)^2.
+// Returns false (nothing set) when the subtraction cancels so much of
+// sum K^2 that rounding would show; the entries are then summed instead.
+bool centred_sums_from_rows(const KernelBlocks& k, const std::vector<double>& sums,
+                            const std::vector<double>& squares, KernelSummary& r)
+{
+    const std::size_t n = k.size();
+    const double nd = static_cast<double>(n);
+    double s2 = 0.0, rv = 0.0, vv = 0.0, v = 0.0, trace = 0.0;
+    for (std::size_t i = 0; i < n; ++i) {
+        const double vi = r.meanofrow[i] - r.overallmean / 2.0;
+        s2 += squares[i];
+        rv += sums[i] * vi;
+        vv += vi * vi;
+        v += vi;
+        trace += centred_entry(k.value(i, i), i, i, r);
+    }
+    const double centred = ((s2 - 4.0 * rv) + 2.0 * nd * vv) + 2.0 * v * v;
+    if (!(centred > 0.0) || !(s2 <= kMaxCancellation * centred)) return false;
+    double total = 0.0;
+    for (std::size_t i = 0; i < n; ++i) total += (sums[i] - nd * (r.meanofrow[i] - r.overallmean / 2.0)) - v;
+    degrees_of_freedom(n, trace, centred, total, r);
+    return true;
+}
+
+// trace(K* K*) (for a symmetric K*, diagonal entry i of the product is the
+// sum of squares of row i), the sum of all entries and the trace of K*;
+// then the degrees of freedom as the kernel step defines them.
+void centred_sums(const KernelBlocks& k, KernelSummary& r)
+{
+    const std::size_t n = k.size();
+    std::vector<double> squares(n, 0.0), sums(n, 0.0), diagonal(n, 0.0);
+    k.for_each_block([&](std::size_t top, std::size_t rows, std::size_t left, std::size_t cols, double* block) {
+        for (std::size_t a = 0; a < rows; ++a) {
+            const std::size_t i = top + a;
+            double sq = squares[i], sum = sums[i];
+            for (std::size_t b = 0; b < cols; ++b) {
+                const double c = centred_entry(block[a * cols + b], i, left + b, r);
+                sq += c * c;
+                sum += c;
+                if (left + b == i) diagonal[i] = c;
+            }
+            squares[i] = sq;
+            sums[i] = sum;
+        }
+    });
+    double squares_total = 0.0, total = 0.0, trace = 0.0;
+    for (std::size_t i = 0; i < n; ++i) {
+        squares_total += squares[i];
+        total += sums[i];
+    }
+    for (std::size_t i = 0; i < n; ++i) trace += diagonal[i];
+    degrees_of_freedom(n, trace, squares_total, total, r);
+}
+
+}  // namespace
+
+KernelSummary kernel_summary(const Matrix& x)
+{
+    const KernelBlocks k(x);
+    KernelSummary r;
+    std::vector<double> sums, squares;
+    kernel_means(k, r, sums, squares);
+    if (!centred_sums_from_rows(k, sums, squares, r)) centred_sums(k, r);
     return r;
 }
 
-KernelSummary kernel_matrices(const Matrix& x, Matrix& kstar)
+void centred_kernel_product(const Matrix& x, const KernelSummary& kernel, const double* B, std::size_t cols,
+                            std::vector<double>& Y)
 {
-    Knew(x, kstar);
-    const double knew_total = Kstar(kstar);
-    KernelSummary summary = spectral_dof(kstar);
-    summary.knew_total = knew_total;
-    return summary;
+    const KernelBlocks k(x);
+    const std::size_t n = k.size();
+    Y.assign(n * cols, 0.0);
+    if (cols == 0) return;
+    // Each block's product is one BLAS call on the calling worker thread.
+    openblas_set_num_threads(1);
+    // The rescaled entries are formed as the matrix library divides by a
+    // scalar: times the reciprocal.
+    const double factor = 1.0 / kernel.scale;
+    k.for_each_block([&](std::size_t top, std::size_t rows, std::size_t left, std::size_t width, double* block) {
+        for (std::size_t a = 0; a < rows; ++a)
+            for (std::size_t b = 0; b < width; ++b) {
+                double& e = block[a * width + b];
+                e = centred_entry(e, top + a, left + b, kernel) * factor;
+            }
+        cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, static_cast<int>(rows), static_cast<int>(cols),
+                    static_cast<int>(width), 1.0, block, static_cast<int>(width), B + left * cols,
+                    static_cast<int>(cols), 1.0, Y.data() + top * cols, static_cast<int>(cols));
+    });
 }
 
 void dof_range_warning(double kxx, int n, std::ostream& out)

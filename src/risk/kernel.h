@@ -1,8 +1,11 @@
-// Column scaling, the Gaussian kernel matrix, its double-centred form and the
-// spectral degrees of freedom.
+// Column scaling, the kernel step (the centred Gaussian kernel's summary and
+// spectral degrees of freedom) and the product of the rescaled centred
+// kernel with a block of columns, all without storing an n x n matrix.
 #pragma once
 
+#include <cstddef>
 #include <iosfwd>
+#include <vector>
 
 #include "common/matrix.h"
 
@@ -14,29 +17,31 @@ double variance(const ColumnVector& x);
 // Divides every column of x by its standard deviation (no centring).
 void scale_columns(Matrix& x);
 
-// knew := the n x n kernel matrix of the rows of x (bandwidth h).
-void Knew(const Matrix& x, Matrix& knew);
-
-// Turns the (symmetric) kernel matrix k into its double-centred form, in
-// place, and returns the sum of all entries of k before the centring.
-double Kstar(Matrix& k);
-
 struct KernelSummary {
-    double knew_total = 0.0;  // sum of all entries of the kernel matrix
+    double knew_total = 0.0;  // sum of all entries of the kernel matrix K
     double kxx = 0.0;         // spectral degrees of freedom (Sdof)
-    double kff = 0.0;
-    double kxxsquared = 0.0;
-    double scale = 0.0;
+    double kff = 0.0;         // sum of the off-diagonal entries of K*
+    double kxxsquared = 0.0;  // trace(K* K*)
+    double scale = 0.0;       // trace(K*^2) / trace(K*)
     double riskf = 0.0;
+    // K*(i, j) = K(i, j) - meanofrow(i) - meanofrow(j) + overallmean.
+    std::vector<double> meanofrow;
+    double overallmean = 0.0;
 };
 
-// Computes the degrees of freedom of the (unscaled) centred kernel kstar and
-// divides kstar by the scale. knew_total is left for the caller to fill.
-KernelSummary spectral_dof(Matrix& kstar);
+// The kernel step of a run: the kernel's row means and total, then trace,
+// sum and sum of squares of the centred kernel K*, and from them the
+// degrees of freedom and the scale. Two passes over the kernel's blocks.
+KernelSummary kernel_summary(const Matrix& x);
 
-// The kernel step of a run: kstar := the centred kernel matrix of x divided
-// by its scale, with the summary (knew_total included).
-KernelSummary kernel_matrices(const Matrix& x, Matrix& kstar);
+// Entry (i, j) of K* (0-based), centred as the kernel step centres it: the
+// row mean of the larger index is subtracted first.
+double centred_entry(double k, std::size_t i, std::size_t j, const KernelSummary& kernel);
+
+// Y = (K* / scale) B for the n x cols row-major block B; Y is n x cols,
+// row-major. One pass over the kernel's blocks.
+void centred_kernel_product(const Matrix& x, const KernelSummary& kernel, const double* B, std::size_t cols,
+                            std::vector<double>& Y);
 
 // The range warning when kxx lies outside 5 to n/5.
 void dof_range_warning(double kxx, int n, std::ostream& out);

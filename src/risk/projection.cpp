@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "common/parallel.h"
 #include "common/settings.h"
 
 namespace mixrank {
@@ -20,6 +21,8 @@ namespace {
 // BLAS calls few and large (which also lets a threaded BLAS split them well)
 // while the block stays a small multiple of n.
 constexpr int kRowBlock = 128;
+constexpr std::size_t kMinRowBlock = 8;
+constexpr std::size_t kBlockValues = std::size_t(1) << 20;
 
 void check_factor(const Matrix& M, const Matrix& Q)
 {
@@ -84,35 +87,20 @@ void projection_factor(const Matrix& M, Matrix& Q)
     Q = (M.t() * M).i() * M.t();
 }
 
-double trace_projection_kernel(const Matrix& M, const Matrix& Q, const Matrix& kstar)
+double trace_projection_kernel(const Matrix& Q, const double* Y, std::size_t ld)
 {
-    const int n = M.Nrows(), P = M.Ncols();
-    const std::size_t stride = n;
-    check_factor(M, Q);
-    if (kstar.Nrows() != n || kstar.Ncols() != n)
-        throw RunError("the kernel matrix does not match the score matrix");
-    // Y = K* M (n x P), one symmetric product.
-    std::vector<double> Y(static_cast<std::size_t>(n) * P);
-    cblas_dsymm(CblasRowMajor, CblasLeft, CblasLower, n, P, 1.0, kstar.Store(), n, M.Store(), P, 0.0,
-                Y.data(), P);
-    // trace(M Q K*) = trace(Q K* M): diagonal entry a of Q Y is the sum over
-    // j of Q(a, j) Y(j, a), accumulated over the rows of Y in storage order.
+    const std::size_t P = static_cast<std::size_t>(Q.Nrows()), n = static_cast<std::size_t>(Q.Ncols());
+    // Diagonal entry a of Q Y is the sum over j of Q(a, j) Y(j, a),
+    // accumulated over the rows of Y in order.
     const Real* q = Q.Store();
     std::vector<double> diag(P, 0.0);
-    for (int j = 0; j < n; ++j) {
-        const double* yrow = Y.data() + static_cast<std::size_t>(j) * P;
-        for (int a = 0; a < P; ++a) diag[a] += q[a * stride + j] * yrow[a];
+    for (std::size_t j = 0; j < n; ++j) {
+        const double* yrow = Y + j * ld;
+        for (std::size_t a = 0; a < P; ++a) diag[a] += q[a * n + j] * yrow[a];
     }
     double trace = 0.0;
     for (double v : diag) trace += v;
     return trace;
-}
-
-double trace_projection_kernel(const Matrix& M, const Matrix& kstar)
-{
-    Matrix Q;
-    projection_factor(M, Q);
-    return trace_projection_kernel(M, Q, kstar);
 }
 
 double projection_instability(const Matrix& M, const Matrix& Q)
@@ -126,23 +114,53 @@ double projection_instability(const Matrix& M, const Matrix& Q)
     const Real* w = W.Store();
     const Real* q = Q.Store();
 
-    // The n x n product W Q, one block of rows at a time.
-    std::vector<double> block(static_cast<std::size_t>(std::min(kRowBlock, n)) * n);
+    // The n x n product W Q, one block of rows at a time; the largest
+    // magnitude does not depend on the order the blocks are taken in.
+    // Each thread holds one block of rows of W Q: kRowBlock rows, fewer
+    // for a large n so that a block stays near kBlockValues values (8 MB).
+    openblas_set_num_threads(1);
+    const std::size_t height = std::max<std::size_t>(
+        kMinRowBlock, std::min<std::size_t>(kRowBlock, kBlockValues / static_cast<std::size_t>(n)));
+    const std::size_t blocks = (static_cast<std::size_t>(n) + height - 1) / height;
+    std::vector<double> largest(blocks, 0.0);
+    parallel_for(blocks, [&](std::size_t b) {
+        const std::size_t top = b * height;
+        const int rows = static_cast<int>(std::min<std::size_t>(height, n - top));
+        std::vector<double> block(static_cast<std::size_t>(rows) * n);
+        cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, rows, n, P, 1.0, w + top * P, P, q, n, 0.0,
+                    block.data(), n);
+        largest[b] = largest_magnitude(block.data(), block.size(), 0.0);
+    });
     double maxval = 0.0;
-    for (int top = 0; top < n; top += kRowBlock) {
-        const int rows = std::min(kRowBlock, n - top);
-        cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, rows, n, P, 1.0,
-                    w + static_cast<std::size_t>(top) * P, P, q, n, 0.0, block.data(), n);
-        maxval = largest_magnitude(block.data(), static_cast<std::size_t>(rows) * n, maxval);
-    }
+    for (double v : largest) maxval = largest_magnitude(&v, 1, maxval);
     return maxval;
 }
 
-double projection_instability(const Matrix& M)
+bool projection_unstable(const Matrix& M, const Matrix& Q, double limit)
 {
-    Matrix Q;
-    projection_factor(M, Q);
-    return projection_instability(M, Q);
+    check_factor(M, Q);
+    // |(W Q)(i, j)| <= |row i of W| |column j of Q| (Cauchy-Schwarz), with
+    // W = M (I - Q M). When the largest such product lies clearly below the
+    // limit, so does every entry; otherwise the entries are formed.
+    Matrix S;
+    idempotency_residual(Q, M, S);
+    const Matrix W = M * S;
+    const std::size_t n = static_cast<std::size_t>(M.Nrows()), P = static_cast<std::size_t>(M.Ncols());
+    const Real* w = W.Store();
+    const Real* q = Q.Store();
+    double row_norm = 0.0;
+    for (std::size_t i = 0; i < n; ++i) {
+        double sq = 0.0;
+        for (std::size_t b = 0; b < P; ++b) sq += w[i * P + b] * w[i * P + b];
+        row_norm = std::max(row_norm, sq);
+    }
+    std::vector<double> column(n, 0.0);
+    for (std::size_t a = 0; a < P; ++a)
+        for (std::size_t j = 0; j < n; ++j) column[j] += q[a * n + j] * q[a * n + j];
+    const double column_norm = *std::max_element(column.begin(), column.end());
+    const double bound = std::sqrt(row_norm) * std::sqrt(column_norm);
+    if (bound * (1.0 + 1e-9) < limit) return false;
+    return projection_instability(M, Q) > limit;
 }
 
 }  // namespace mixrank

@@ -1,10 +1,10 @@
 #include "risk/report.h"
 
-#include <fstream>
 #include <iomanip>
 #include <iostream>
 
 #include "common/settings.h"
+#include "io/atomic_file.h"
 
 namespace mixrank {
 
@@ -33,20 +33,23 @@ void screen_table(const Matrix& columns, std::ostream& out)
     out << kRuleB << "\n";
 }
 
+// The file is written to a temporary file and renamed over the old report
+// only when complete, so a failed or interrupted run leaves the old one.
 void write_file(const std::string& outfile, const Matrix& columns, double kxx, int rows)
 {
-    std::ofstream file(outfile, std::ios::out | std::ios::trunc);
-    if (!file) {
-        std::cout.flush();
-        std::cerr << "mixrank: cannot create the report file " << outfile
-                  << "; the table is on the screen only" << std::endl;
-        return;
-    }
     ColumnVector kxxColumn(rows);
     kxxColumn = kxx;
     const Matrix all = columns | kxxColumn;
-    file << kFileHeading << NORMAL << "\n";
-    file << std::setw(14) << std::setprecision(8) << all;
+    try {
+        AtomicFile file("report file", outfile);
+        file.stream() << kFileHeading << NORMAL << "\n";
+        file.stream() << std::setw(14) << std::setprecision(8) << all;
+        file.commit();
+    } catch (const RunError&) {
+        std::cout.flush();
+        std::cerr << "mixrank: cannot create the report file " << outfile
+                  << "; the table is on the screen only" << std::endl;
+    }
 }
 
 }  // namespace

@@ -1,9 +1,12 @@
 #include "risk/risk_loop.h"
 
 #include <cmath>
+#include <cstddef>
+#include <exception>
 #include <iomanip>
 #include <iostream>
 #include <limits>
+#include <vector>
 
 #include "common/settings.h"
 #include "io/param_file.h"
@@ -25,48 +28,99 @@ void progress_line(int g, std::ostream& out)
         << std::setw(2) << g << NORMAL << " component model done" << std::flush;
 }
 
-struct ModelTerms {
-    double LL, DIST, nparam, EE, MLF;
+// One model between its reading and its line in the table.
+struct ModelWork {
+    double LL = kNaN, DIST = kNaN, nparam = kNaN, EE = kNaN, MLF = kNaN;
+    bool finite = false;
+    bool unstable = false;   // the projection is far from idempotent
+    bool short_file = false; // the parameter file gave out in this model
+    Matrix M, Q;             // score matrix and projection factor
+    std::size_t column = 0;  // first column of M in the joint score block
 };
 
-// Distance, score projection and criteria of one model whose values are all
-// finite.
+// Log-likelihood, distance, score matrix and projection of one model whose
+// values are all finite; EE needs the kernel product of all models.
 template <class Record>
-ModelTerms model_terms(const Matrix& x, const Record& final, int g, const Matrix& kstar,
-                       const KernelSummary& kernel, std::ostream& out)
+void prepare(const Matrix& x, const Record& final, int g, const KernelSummary& kernel, ModelWork& m)
 {
     const int n = x.Nrows();
-    ModelTerms t;
-    t.LL = log_likelihood(x, final);
+    m.LL = log_likelihood(x, final);
     const double dkmean = distance(x, final, g, kernel.knew_total);
-    t.DIST = (n * n) * dkmean / kernel.scale;
-    const Matrix M = score(x, final, g);
-    Matrix Q;
-    projection_factor(M, Q);
-    if (projection_instability(M, Q) > 1e-05)
-        out << "parameter estimate may not be stable for " << g << " component " << std::endl;
-    t.nparam = M.Ncols();
-    t.EE = trace_projection_kernel(M, Q, kstar);
-    t.MLF = t.DIST - (kernel.kxx - t.EE);
-    return t;
+    m.DIST = (static_cast<double>(n) * n) * dkmean / kernel.scale;
+    m.M = score(x, final, g);
+    projection_factor(m.M, m.Q);
+    m.unstable = projection_unstable(m.M, m.Q, 1e-05);
+    m.nparam = m.M.Ncols();
+    m.finite = true;
 }
 
 template <class Record>
-ModelTerms read_and_assess(Record (*reader)(int, int, std::istream&), const Matrix& x, int g,
-                           char method, const Matrix& kstar, const KernelSummary& kernel,
-                           std::istream& param, std::ostream& out)
+void read_and_prepare(Record (*reader)(int, int, std::istream&), const Matrix& x, int g, char method,
+                      const KernelSummary& kernel, std::istream& param, ModelWork& m)
 {
     const Record final = reader(g, x.Ncols(), param);
-    if (model_is_finite(final, g)) return model_terms(x, final, g, kstar, kernel, out);
-    // An unread (or non-finite) model: its row shows nan.
-    return ModelTerms{kNaN, kNaN, static_cast<double>(score_columns(method == 'E', x.Ncols(), g)), kNaN, kNaN};
+    if (model_is_finite(final, g)) {
+        prepare(x, final, g, kernel, m);
+    } else {
+        // An unread (or non-finite) model: its row shows nan.
+        m.nparam = score_columns(method == 'E', x.Ncols(), g);
+    }
+}
+
+// Reads and prepares the models in order until all are done or one fails;
+// returns the failure (null when none) and leaves the prepared ones in work.
+std::exception_ptr prepare_models(const Matrix& x, const KernelSummary& kernel, char method,
+                                  std::istream& param, std::vector<ModelWork>& work)
+{
+    bool warned = false;
+    for (std::size_t i = 0; i < work.size(); ++i) {
+        const int g = static_cast<int>(i) + 1;
+        try {
+            if (method == 'E')
+                read_and_prepare(&readparam_e, x, g, method, kernel, param, work[i]);
+            else
+                read_and_prepare(&readparam_u, x, g, method, kernel, param, work[i]);
+        } catch (...) {
+            work.resize(i);
+            return std::current_exception();
+        }
+        work[i].short_file = param.fail() && !warned;
+        warned = warned || work[i].short_file;
+    }
+    return nullptr;
+}
+
+// EE and MLF of every prepared model from one product of the rescaled
+// centred kernel with all score matrices side by side.
+void kernel_terms(const Matrix& x, const KernelSummary& kernel, std::vector<ModelWork>& work)
+{
+    const std::size_t n = static_cast<std::size_t>(x.Nrows());
+    std::size_t cols = 0;
+    for (ModelWork& m : work)
+        if (m.finite) m.column = cols, cols += static_cast<std::size_t>(m.M.Ncols());
+    if (cols == 0) return;
+    std::vector<double> B(n * cols);
+    for (ModelWork& m : work) {
+        if (!m.finite) continue;
+        const std::size_t P = static_cast<std::size_t>(m.M.Ncols());
+        const Real* s = m.M.Store();
+        for (std::size_t i = 0; i < n; ++i)
+            for (std::size_t a = 0; a < P; ++a) B[i * cols + m.column + a] = s[i * P + a];
+        m.M.ReSize(0, 0);
+    }
+    std::vector<double> Y;
+    centred_kernel_product(x, kernel, B.data(), cols, Y);
+    for (ModelWork& m : work) {
+        if (!m.finite) continue;
+        m.EE = trace_projection_kernel(m.Q, Y.data() + m.column, cols);
+        m.MLF = m.DIST - (kernel.kxx - m.EE);
+    }
 }
 
 }  // namespace
 
-RiskTable risk_calculation(const Matrix& x, const Matrix& kstar, const KernelSummary& kernel,
-                           int max, char method, std::istream& param,
-                           const std::string& paramfile, std::ostream& out)
+RiskTable risk_calculation(const Matrix& x, const KernelSummary& kernel, int max, char method,
+                           std::istream& param, const std::string& paramfile, std::ostream& out)
 {
     const int n = x.Nrows();
     const int G = max > 0 ? max : 0;
@@ -75,18 +129,19 @@ RiskTable risk_calculation(const Matrix& x, const Matrix& kstar, const KernelSum
         v->ReSize(G);
 
     out << "Risk Calculation Started" << std::endl;
-    bool warned = false;
-    for (int component = 1; component <= G; ++component) {
-        const ModelTerms m =
-            method == 'E'
-                ? read_and_assess(&readparam_e, x, component, method, kstar, kernel, param, out)
-                : read_and_assess(&readparam_u, x, component, method, kstar, kernel, param, out);
-        if (param.fail() && !warned) {
+    std::vector<ModelWork> work(static_cast<std::size_t>(G));
+    const std::exception_ptr failure = prepare_models(x, kernel, method, param, work);
+    kernel_terms(x, kernel, work);
+    for (std::size_t i = 0; i < work.size(); ++i) {
+        const int component = static_cast<int>(i) + 1;
+        const ModelWork& m = work[i];
+        if (m.unstable)
+            out << "parameter estimate may not be stable for " << component << " component " << std::endl;
+        if (m.short_file) {
             out.flush();
             std::cerr << "mixrank: parameter file " << paramfile
                       << " is missing, too short or not numeric: reading stopped in the model with "
                       << component << " component(s); the models from there on show nan" << std::endl;
-            warned = true;
         }
         t.LL(component) = m.LL;
         t.DIST(component) = m.DIST;
@@ -95,6 +150,7 @@ RiskTable risk_calculation(const Matrix& x, const Matrix& kstar, const KernelSum
         t.MLF(component) = m.MLF;
         progress_line(component, out);
     }
+    if (failure) std::rethrow_exception(failure);
     out << std::endl;
 
     const float logn = std::log(static_cast<float>(n));  // single precision, intended

@@ -1,7 +1,11 @@
 // The own estimator: for g = 1..max fit EM from many starts, keep the best
-// and append it to the parameter file.
+// and append it to the parameter stream, one whole record and one flush per
+// g. The caller owns the stream (and the file behind it); paramfile only
+// names it in the messages. A record that cannot be written (the stream goes
+// bad) ends the fitting early; the caller reports it.
 #pragma once
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -9,7 +13,8 @@
 
 namespace mixrank {
 
-void emsr(const Matrix& x, const std::string& paramfile, int max, int kmn, int rnd, char method);
+void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, int max, int kmn, int rnd,
+          char method);
 
 // Running choice of the best start in table order. The best log-likelihood
 // is held in single precision: a later start wins when its loglik is

@@ -1,7 +1,7 @@
 #include "starts/kmeans.h"
 
+#include <algorithm>
 #include <string>
-#include <vector>
 
 #include "common/settings.h"
 #include "starts/random_starts.h"
@@ -14,91 +14,106 @@ namespace {
 // change (a cycle of label changes would otherwise never end).
 constexpr int kMaxPasses = 10000;
 
+struct Data {
+    const Real* x;
+    std::size_t n, p;
+    const Real* row(std::size_t i) const { return x + i * p; }
+};
+
 // Initial centres: the observations named by permutation entries 1..K
 // (entry 0 is skipped).
-void initial_centres(const Matrix& x, int K, Matrix& mu)
+void initial_centres(const Data& x, const std::vector<int>& order, std::size_t K, std::vector<double>& mu)
 {
-    const int n = x.Nrows(), p = x.Ncols();
-    std::vector<int> order(n);
-    srswor(order.data(), n);
-    mu.ReSize(K, p);
-    const Real* xs = x.Store();
-    Real* ms = mu.Store();
-    for (int k = 0; k < K; ++k) {
-        const Real* row = xs + (order[k + 1] - 1) * p;
-        for (int j = 0; j < p; ++j) ms[k * p + j] = row[j];
+    mu.resize(K * x.p);
+    for (std::size_t k = 0; k < K; ++k) {
+        const Real* row = x.row(static_cast<std::size_t>(order[k + 1] - 1));
+        std::copy(row, row + x.p, &mu[k * x.p]);
     }
 }
 
 // Every observation to its nearest centre, all against the same centres.
-void assign(const Matrix& x, const Matrix& mu, ColumnVector& distance, ColumnVector& grp)
+void assign(const Data& x, const std::vector<double>& mu, std::vector<double>& distance, std::vector<double>& grp)
 {
-    const int n = x.Nrows(), p = x.Ncols(), K = mu.Nrows();
-    const Real* xs = x.Store();
-    const Real* ms = mu.Store();
-    Real* ds = distance.Store();
-    for (int i = 0; i < n; ++i) {
-        for (int k = 0; k < K; ++k) {
+    const std::size_t K = distance.size();
+    for (std::size_t i = 0; i < x.n; ++i) {
+        const Real* xi = x.row(i);
+        for (std::size_t k = 0; k < K; ++k) {
+            const double* mk = &mu[k * x.p];
             double ss = 0.0;
-            for (int j = 0; j < p; ++j) {
-                const double diff = ms[k * p + j] - xs[i * p + j];
+            for (std::size_t j = 0; j < x.p; ++j) {
+                const double diff = mk[j] - xi[j];
                 ss += diff * diff;
             }
-            ds[k] = ss;
+            distance[k] = ss;
         }
-        grp(i + 1) = mindist(distance);
+        grp[i] = mindist(distance.data(), static_cast<int>(K));
     }
 }
 
-bool labels_changed(const ColumnVector& grp, const ColumnVector& oldgrp)
+bool labels_changed(const std::vector<double>& grp, const std::vector<double>& oldgrp)
 {
     double ss = 0.0;
-    for (int i = 1; i <= grp.Nrows(); ++i) {
-        const double diff = grp(i) - oldgrp(i);
+    for (std::size_t i = 0; i < grp.size(); ++i) {
+        const double diff = grp[i] - oldgrp[i];
         ss += diff * diff;
     }
     return ss != 0.0;  // NaN counts as a change
 }
 
 // Centres = group means; an empty group's centre becomes NaN (0 * 1/0).
-void update_centres(const Matrix& x, const ColumnVector& grp, Matrix& mu)
+void update_centres(const Data& x, const std::vector<double>& grp, std::size_t K, std::vector<double>& mu)
 {
-    const int n = x.Nrows(), p = x.Ncols(), K = mu.Nrows();
-    std::vector<int> size(K, 0);
-    mu = 0.0;
-    const Real* xs = x.Store();
-    Real* ms = mu.Store();
-    for (int i = 0; i < n; ++i) {
-        const int k = static_cast<int>(grp(i + 1)) - 1;
-        for (int j = 0; j < p; ++j) ms[k * p + j] += xs[i * p + j];
+    std::vector<long> size(K, 0);
+    std::fill(mu.begin(), mu.end(), 0.0);
+    for (std::size_t i = 0; i < x.n; ++i) {
+        const std::size_t k = static_cast<std::size_t>(grp[i]) - 1;
+        const Real* xi = x.row(i);
+        for (std::size_t j = 0; j < x.p; ++j) mu[k * x.p + j] += xi[j];
         size[k] += 1;
     }
-    for (int k = 0; k < K; ++k) {
+    for (std::size_t k = 0; k < K; ++k) {
         const double scale = 1.0 / static_cast<double>(size[k]);
-        for (int j = 0; j < p; ++j) ms[k * p + j] *= scale;
+        for (std::size_t j = 0; j < x.p; ++j) mu[k * x.p + j] *= scale;
     }
 }
 
 }  // namespace
 
-ColumnVector kmeans(const Matrix& x, int K)
+std::vector<int> kmeans_draw(const Matrix& x, int K)
 {
     const int n = x.Nrows();
     if (K < 1 || K >= n)
         throw RunError("K-means needs between 1 and n - 1 groups; asked for " + std::to_string(K) +
                        " groups of " + std::to_string(n) + " observations");
-    ColumnVector grp(n), oldgrp(n), distance(K);
-    grp = 0.0;  // no real label is 0, so the first pass always changes
-    Matrix mu;
-    initial_centres(x, K, mu);
+    std::vector<int> order(n);
+    srswor(order.data(), n);
+    return order;
+}
+
+std::vector<double> kmeans_from(const Real* x, std::size_t n, int p, const std::vector<int>& order, int K)
+{
+    const Data data{x, n, static_cast<std::size_t>(p)};
+    std::vector<double> grp(n, 0.0), oldgrp(n), distance(static_cast<std::size_t>(K)), mu;
+    // grp starts at 0, which no real label is, so the first pass always changes
+    initial_centres(data, order, static_cast<std::size_t>(K), mu);
     bool tag = true;
     for (int iterations = 0; tag && iterations < kMaxPasses; ++iterations) {
         tag = false;
         oldgrp = grp;
-        assign(x, mu, distance, grp);
+        assign(data, mu, distance, grp);
         if (labels_changed(grp, oldgrp)) tag = true;
-        update_centres(x, grp, mu);
+        update_centres(data, grp, static_cast<std::size_t>(K), mu);
     }
+    return grp;
+}
+
+ColumnVector kmeans(const Matrix& x, int K)
+{
+    const std::vector<int> order = kmeans_draw(x, K);
+    const std::vector<double> labels =
+        kmeans_from(x.Store(), static_cast<std::size_t>(x.Nrows()), x.Ncols(), order, K);
+    ColumnVector grp(x.Nrows());
+    std::copy(labels.begin(), labels.end(), grp.Store());
     return grp;
 }
 

@@ -2,6 +2,7 @@
 // larger, 'c' the smaller and 'a' the plain mean of the merged dissimilarities.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -17,9 +18,35 @@ ColumnVector linkage(const Matrix& x, int K, char type);
 // released before it returns.
 std::vector<ColumnVector> linkage_partitions(const Matrix& x, int Kmax, int Kmin, char type);
 
-// The same for every rule letter of `types` in turn, reusing one working
-// table: entry t holds linkage_partitions(x, Kmax, Kmin, types[t]).
+// The same for every rule letter of `types`: entry t holds
+// linkage_partitions(x, Kmax, Kmin, types[t]) (see linkage_labels).
 std::vector<std::vector<ColumnVector>> linkage_partitions(const Matrix& x, int Kmax, int Kmin,
                                                           const std::string& types);
+
+// Bytes of memory a merge sequence needs for n observations of dimension p:
+// the packed lower triangle of the dissimilarities (n (n - 1) / 2 doubles, 10
+// GB at n = 50,000) and a little per observation.
+double linkage_bytes(std::size_t n, std::size_t p);
+
+// Memory the machine can give now (MemAvailable from /proc/meminfo, or the
+// physical memory when that cannot be read), and the part of it the linkage
+// may plan to use: all but a tenth, a margin for everything else.
+std::size_t available_memory();
+std::size_t linkage_memory_limit();
+
+// Refuses, with a RunError naming the size needed, linkage starts for n
+// observations (of dimension p, for 2..max components) that need more than
+// `limit` bytes. Nothing is needed when max < 2. The run driver calls it
+// before it writes anything.
+void check_linkage_memory(std::size_t n, std::size_t p, int max, std::size_t limit = linkage_memory_limit());
+
+// The same partitions as linkage_partitions for several rules, with the labels
+// in plain arrays: entry [t][m] holds the labels (1..K as doubles) of
+// linkage(x, Kmax - m, types[t]). The rules run side by side, each in its own
+// table, when the tables live at once fit into half of `limit`; otherwise one
+// after another in one table that all threads fill.
+std::vector<std::vector<std::vector<double>>> linkage_labels(const Matrix& x, int Kmax, int Kmin,
+                                                             const std::string& types,
+                                                             std::size_t limit = linkage_memory_limit());
 
 }  // namespace mixrank

@@ -71,17 +71,18 @@ ColumnVector randomstart(const Matrix& x, int K)
     return grp;
 }
 
-int mindist(const ColumnVector& d)
+int mindist(const ColumnVector& d) { return mindist(d.Store(), d.Nrows()); }
+
+int mindist(const double* d, int n)
 {
-    const int n = d.Nrows();
     int mini = 1;
     // The running minimum is single precision on purpose: an entry only wins
     // when it lies strictly below the rounded earlier minimum.
-    float min = static_cast<float>(d(1));
+    float min = static_cast<float>(d[0]);
     for (int p = 2; p <= n; ++p) {
-        if (d(p) < static_cast<double>(min)) {
+        if (d[p - 1] < static_cast<double>(min)) {
             mini = p;
-            min = static_cast<float>(d(p));
+            min = static_cast<float>(d[p - 1]);
         }
     }
     return mini;

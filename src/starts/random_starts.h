@@ -9,5 +9,7 @@ namespace mixrank {
 void srswor(int* vector, int length);
 ColumnVector randomstart(const Matrix& x, int K);
 int mindist(const ColumnVector& d);
+// mindist of the n values d[0..n-1]; also 1-based.
+int mindist(const double* d, int n);
 
 }  // namespace mixrank

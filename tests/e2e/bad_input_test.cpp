@@ -2,9 +2,15 @@
 // exit status 1 and leaves the files the user already had as they were.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "harness.h"
 
@@ -86,11 +92,16 @@ TEST(BadInput, DataFiles)
         {"1 2\n3 nan\n5 6\n7 8\n", "row 2, column 2 of the data file 'bad.dat' is not a finite"},
         {"1 2\ninf 4\n5 6\n7 8\n", "row 2, column 1 of the data file 'bad.dat' is not a finite"},
         {"1 2 \r\n3 4 \r\n5 6 \r\n", "row 3, column 1"},  // a CR after a blank is a token of its own
-        {"x y\n1 2\n3 4\n5 6\n", "row 1, column 1 of the data file 'bad.dat' is not a finite"},
+        {"x y\n1 2\n3 4\n5 6\n", "row 1, column 1 of the data file 'bad.dat' is not a number: 'x'"},
         {"1 2\n3 1e200\n5 6\n7 8\n", "column 2 of the data file 'bad.dat' cannot be scaled"},
         {"\n\n\n", "the data file 'bad.dat' holds no numbers"},
         {"", "holds no lines"},
         {std::string(200, '1') + "\n1 2\n", "a line is longer than 199 characters"},
+        // a token is one whole number, refused where it stands (never read as two)
+        {"1 2\n3 1.5.5\n5 6\n7 8\n", "row 2, column 2 of the data file 'bad.dat' is not a number: '1.5.5'"},
+        {"1 2\n1-2 4\n5 6\n7 8\n", "row 2, column 1 of the data file 'bad.dat' is not a number: '1-2'"},
+        {"1 2+3\n3 4\n5 6\n7 8\n", "row 1, column 2 of the data file 'bad.dat' is not a number: '2+3'"},
+        {"1 2\n3 4\n5 3..5\n7 8\n", "row 3, column 2 of the data file 'bad.dat' is not a number: '3..5'"},
     };
     UserDir w;
     for (const auto& [content, fragment] : cases) {
@@ -106,6 +117,31 @@ TEST(BadInput, DataFiles)
 TEST(BadInput, OutputPlaces)
 {
     UserDir w;
+    ::mkfifo(w.file("fifo.dat").c_str(), 0644);  // no writer: read at once as empty, never waited for
+    w.write("link.dat", make_data());
+    fs::create_symlink("link.dat", w.file("link.unequal.risk"));  // the report's name leads to the data
+    const std::vector<std::pair<Args, std::string>> cases = {
+        {{"-p", "pts.dat"}, "the parameter file 'pts.dat' to be written is the data file"},
+        {{"-3", "-p", "./pts.dat.std"}, "the parameter file './pts.dat.std' to be written is the scaled data copy"},
+        {{"-1", "-g", "2", "-p", "pts.equal.risk"}, "the report 'pts.equal.risk' would replace the parameter file"},
+        {{"-1", "-g", "2", "-i", "link.dat", "-u"}, "the report 'link.unequal.risk' would replace the data file"},
+        {{"-1", "-g", "2", "-p", "sample.out"}, "the parameter file 'sample.out' is removed at the end of every run"},
+        {{"-p", "nodir/x.param"}, "cannot create the parameter file 'nodir/x.param': No such file or directory"},
+        {{"-p", "/dev/full"}, "cannot write the parameter file '/dev/full': it exists and is not a regular file"},
+        {{"-i", "fifo.dat"}, "the data file 'fifo.dat' holds no lines"},
+        {{"-i", "/dev/zero"}, "the data file '/dev/zero' is not a regular file or a pipe"},
+        // sizes past the matrix library's int, refused before the file is read
+        {{"-n", "65536", "-d", "65537"}, "the data matrix of 65536 x 65537 numbers would need 34.4 GB"},
+        {{"-n", "110000000", "-d", "2", "-g", "6"}, "score matrix of the model with 6 components of 110000000 x 21"},
+    };
+    for (const auto& [more, fragment] : cases) w.expect_refused(w.run(with(kFit, more)), fragment);
+    EXPECT_EQ(w.read("link.dat"), make_data());
+    // A write that fails part way (the file size limit): one line, no table, the old file kept.
+    const Result full = w.finish(w.start(with(kFit, {"-g", "6", "-k", "0", "-r", "0"}), 1000));
+    w.expect_refused(full, "cannot write the parameter file 'keep.param': File too large");
+    EXPECT_EQ(full.out.find("No.of.Param"), std::string::npos);
+
+    fs::remove(w.file("pts.dat.std"));
     fs::create_directory(w.file("pts.dat.std"));  // the scaled copy cannot be written: no estimation
     w.expect_refused(w.run(kFit), "cannot write the scaled data copy 'pts.dat.std'");
     fs::create_directory(w.file("pts.unequal.risk"));
@@ -128,6 +164,10 @@ TEST(BadInput, ParameterFiles)
     EXPECT_EQ(text.status, 0);
     EXPECT_EQ(lines(text.err).size(), 1u) << text.err;
     EXPECT_NE(text.out.find("nan"), std::string::npos);
+    ::mkfifo(w.file("fifo.param").c_str(), 0644);  // no writer: an empty file at once, not a wait
+    const Result fifo = w.run(with(kScore, {"-g", "1", "-p", "fifo.param"}));
+    EXPECT_EQ(fifo.status, 0);
+    EXPECT_NE(fifo.err.find("parameter file fifo.param is missing, too short"), std::string::npos) << fifo.err;
 }
 
 TEST(DataLayout, CarriageReturnsReadFineAndAMissingLastNewlineDropsTheLastLine)
@@ -142,4 +182,18 @@ TEST(DataLayout, CarriageReturnsReadFineAndAMissingLastNewlineDropsTheLastLine)
     const Result cut = w.run(with(kScore, {"-p", "none.param", "-i", "cut.dat"}));
     EXPECT_EQ(cut.status, 0) << cut.err;
     EXPECT_NE(cut.out.find("I think that n=3 and dimension= 4"), std::string::npos) << cut.out;
+    // Signs, a bare point and a subnormal number stay whole numbers.
+    w.write("signs.dat", "+3 .5\n5. 1e-320\n2 1\n4 3\n6 2.\n");
+    const Result signs = w.run(with(kScore, {"-p", "none.param", "-i", "signs.dat"}));
+    EXPECT_EQ(signs.status, 0) << signs.err;
+    EXPECT_NE(signs.out.find("I think that n=5 and dimension= 2"), std::string::npos) << signs.out;
+    // A FIFO with a writer is read once, as the same file would be.
+    ::mkfifo(w.file("pipe.dat").c_str(), 0644);
+    std::thread writer([&] { std::ofstream(w.file("pipe.dat")) << make_data(); });  // waits for the reader
+    const Result piped = w.run(with(kScore, {"-i", "pipe.dat"}));
+    const int unblock = ::open(w.file("pipe.dat").c_str(), O_RDONLY | O_NONBLOCK);  // if the run never opened it
+    writer.join();
+    ::close(unblock);
+    EXPECT_EQ(piped.status, 0) << piped.err;
+    EXPECT_EQ(w.read("pipe.equal.risk"), w.read("pts.equal.risk"));
 }

@@ -131,10 +131,14 @@ TEST(ExternalEstimator, RunsTheProgramWithItsAnswerScriptAndCleansUp)
                                                    "pts.param"}));  // no answer script, no sample.out
     EXPECT_TRUE(std::isfinite(numbers(lines(w.read("pts.equal.risk")).at(3))[6]));
 
-    ::remove(w.file("emmix").c_str());  // without the program the run still reaches the report
+    ::remove(w.file("emmix").c_str());  // without the program: one line, no scoring of the old file
     ::remove(w.file("pts.equal.risk").c_str());
-    EXPECT_EQ(w.run({"-e", "-3", "-g", "2", "-i", "pts.dat", "-p", "pts.param", "-s", "11"}).status, 0);
-    EXPECT_TRUE(w.exists("pts.equal.risk"));
+    const auto none = w.run({"-e", "-3", "-g", "2", "-i", "pts.dat", "-p", "pts.param", "-s", "11"});
+    EXPECT_EQ(none.status, 1);
+    EXPECT_EQ(none.err, "mixrank: cannot start ./emmix: No such file or directory\n");
+    EXPECT_EQ(none.out.find("Risk Calculation"), std::string::npos);
+    EXPECT_FALSE(w.exists("pts.equal.risk"));
+    EXPECT_FALSE(w.exists("pts.dat.std.em"));
 }
 
 TEST(Dialogue, OwnEstimatorAsksEveryQuestionInOrder)

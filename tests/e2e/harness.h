@@ -2,6 +2,8 @@
 // what it printed, its exit status and the files it left.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -11,6 +13,12 @@ struct Result {
     int status = -1;
     std::string out;
     std::string err;
+};
+
+// A run started in the background (see Workdir::start).
+struct Started {
+    pid_t pid = -1;
+    std::string out, err;  // files receiving its standard output and error
 };
 
 class Workdir {
@@ -31,6 +39,15 @@ public:
     void install_emmix() const;
     // Runs mixrank with the arguments, standard input taken from input.
     Result run(const std::vector<std::string>& args, const std::string& input = "") const;
+    // Runs another program (one of mixrank's companions) the same way.
+    Result run_program(const std::string& program, const std::vector<std::string>& args,
+                       const std::string& input = "") const;
+    // Starts mixrank in the directory without a shell, standard input empty;
+    // file_limit > 0 caps the size of the files it writes (RLIMIT_FSIZE,
+    // SIGXFSZ ignored, so a write past it fails with EFBIG).
+    Started start(const std::vector<std::string>& args, long file_limit = 0) const;
+    // Waits for a started run; a run ended by signal s has status 128 + s.
+    Result finish(const Started& run) const;
 
 private:
     std::string path_;

@@ -54,9 +54,10 @@ TEST(Install, InstalledProgramsScoreTheIrisExampleAndDrawReports)
     Workdir prefix, work;
     const Ran install = shell(prefix, quote(MIXRANK_CMAKE) + " --install " + quote(MIXRANK_BUILD_DIR) + " --prefix .");
     ASSERT_EQ(install.status, 0) << install.out << install.err;
-    for (const char* program : {"bin/mixrank", "bin/mixrank-plot"})
+    for (const char* program : {"bin/mixrank", "bin/mixrank-plot", "bin/mixrank-classify"})
         EXPECT_EQ(::access(prefix.file(program).c_str(), X_OK), 0) << program;
     EXPECT_EQ(prefix.read("share/man/man1/mixrank.1").rfind(".TH MIXRANK 1", 0), 0u);
+    EXPECT_EQ(prefix.read("share/man/man1/mixrank-classify.1").rfind(".TH MIXRANK-CLASSIFY 1", 0), 0u);
 
     ASSERT_EQ(shell(work, "cp " + quote(MIXRANK_EXAMPLES "/iris.dat") + " .").status, 0);
     const Ran run = shell(work, quote(prefix.file("bin/mixrank")) + " -equal -2 -g 3 -k 2 -r 2 -s 1 -i iris.dat -p i.param");

@@ -13,12 +13,7 @@ using risk_support::Settings;
 
 namespace {
 
-double kernel_total(const Matrix& x)
-{
-    Matrix knew;
-    Knew(x, knew);
-    return knew.Sum();
-}
+double kernel_total(const Matrix& x) { return risk_support::literal_kernel(x).Sum(); }
 
 }  // namespace
 

@@ -86,23 +86,24 @@ void matches(const Fit& got, const Literal& want, Cov cov)
     EXPECT_EQ(got.loglik, cov == deviation ? std::log(want.last_temp) : want.loglik);
 }
 
-// n1 points labelled 1 around the origin, then n2 labelled 2 around (shift, shift, shift);
-// kinds: how em and emunequal end, s(tart too small), a(bandoned), c(onverged), l(imit).
-struct Case { int n1, n2; double shift, phase; std::string kinds; };
+// n1 points labelled 1 around the origin, then n2 labelled 2 around (shift, ..., shift), in p
+// dimensions; kinds: how em and emunequal end, s(tart too small), a(bandoned), c(onverged), l(imit).
+struct Case { int n1, n2; double shift, phase; std::string kinds; int p = 3; };
 
 const std::vector<Case> kCases = {
     {10, 3, 5.0, 0.0, "ss"},   {20, 4, 40.0, 0.4, "al"},  // a group of exactly 4 passes the guard
     {25, 5, 1.0, 0.4, "ca"},   {40, 5, 1.0, 0.0, "cc"},
     {10, 0, 0.0, 0.2, "cc"},   {10, 0, 0.0, 0.0, "ll"},  // settled after a pass: c_i infinite or 0/0
+    {150, 61, 3.0, 0.1, "cc", 2}, {97, 70, 2.0, 0.5, "cc", 5},  // several blocks of observations, odd triangles
 };
 
 Matrix clusters(const Case& c, ColumnVector& grp)
 {
-    Matrix x(c.n1 + c.n2, 3);
+    Matrix x(c.n1 + c.n2, c.p);
     grp.ReSize(x.Nrows());
     for (int i = 1; i <= x.Nrows(); ++i) {
         grp(i) = i > c.n1 ? 2 : 1;
-        for (int j = 1; j <= 3; ++j) x(i, j) = (grp(i) - 1) * c.shift + 1.7 * std::sin(i * i * (0.3 + 0.1 * j) + c.phase);
+        for (int j = 1; j <= c.p; ++j) x(i, j) = (grp(i) - 1) * c.shift + 1.7 * std::sin(i * i * (0.3 + 0.1 * j) + c.phase);
     }
     return x;
 }

@@ -31,7 +31,7 @@ TEST(EmmixAnswerScript, TwentyThreeLinesEndingWithTheSeededNumbersLastDrawnFirst
 TEST(EmmixRun, WritesTheScriptOverAnOldOneAndFeedsItToTheProgram)
 {
     io_scratch::ScratchDir dir;
-    dir.write("emmix", "#!/bin/sh\ncat > received.txt\n");  // keeps its standard input
+    dir.write("emmix", "#!/bin/sh\ncat > received.txt\necho 0 > pts.param\n");  // keeps its standard input
     ASSERT_EQ(::chmod(dir.file("emmix").c_str(), 0755), 0);
     dir.write("pts.dat.std.em", std::string(2000, 'x'));
     seed = 31;

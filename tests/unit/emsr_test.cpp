@@ -36,7 +36,8 @@ std::string run_emsr(const std::string& file, int max, int kmn, int rnd, char me
 {
     srand48(s);
     io_scratch::CaptureStdout capture;
-    emsr(three_groups(), file, max, kmn, rnd, method);
+    std::ofstream param(file);
+    emsr(three_groups(), file, param, max, kmn, rnd, method);
     return capture.text();
 }
 
@@ -94,27 +95,101 @@ TEST(Emsr, FileOfOneBlockPerCountWithTheBestStartSameForTheSameSeed)
         run_emsr(b, 3, 0, 0, method, 999);
         EXPECT_EQ(dir.read("a.par"), dir.read("b.par")) << method;
     }
-    // The g = 2 choice rebuilt by hand: after the n draws of g = 1, the linkage,
-    // K-means and random starts in table order, the best by best_start.
-    run_emsr(a, 2, 2, 2, 'U', 42);
-    const Matrix x = three_groups();
-    srand48(42);
-    std::ostringstream expected;
-    expected << emunequal(x, randomstart(x, 1), 1);
-    const std::vector<ColumnVector> starts = {linkage(x, 2, 's'), linkage(x, 2, 'c'), linkage(x, 2, 'a'),
-                                              kmeans(x, 2),       kmeans(x, 2),       randomstart(x, 2),
-                                              randomstart(x, 2)};  // evaluated in this order
-    std::vector<double> logliks;
-    for (const ColumnVector& grp : starts) logliks.push_back(emunequal(x, grp, 2).loglik);
-    expected << emunequal(x, starts[best_start(logliks)], 2);
-    EXPECT_EQ(dir.read("a.par"), expected.str());
+}
+
+namespace {
+
+Matrix few(int n)  // n points in the plane, too few for some starts of 3 and more groups
+{
+    unsigned short state[3] = {2, 7, 1};
+    Matrix x(n, 2);
+    for (int i = 1; i <= n; ++i) x(i, 1) = 3.0 * (i % 2) + erand48(state), x(i, 2) = erand48(state);
+    return x;
+}
+
+struct ThreadLimit {
+    explicit ThreadLimit(const char* value) { setenv("OMP_NUM_THREADS", value, 1); }
+    ~ThreadLimit() { unsetenv("OMP_NUM_THREADS"); }
+};
+
+// What emsr prints after its first line and writes, from the starts fitted one at a time, each right
+// after its draw: g = 1 from one random start, then per g the linkage, K-means and random starts in
+// table order, the best by best_start. A refusal ends it with what was printed and written so far.
+struct Outcome { std::string text, file, failure; };
+
+template <class Record, class Fit>
+Outcome one_at_a_time(const Matrix& x, int max, int kmn, int rnd, Fit fit)
+{
+    Outcome o;
+    std::ostringstream file;
+    io_scratch::CaptureStdout capture;
+    try {
+        for (int g = 1; g <= max; ++g) {
+            std::cout << " Estimating Parameters for " << g << " components model ...." << std::endl;
+            std::vector<Record> fits;
+            std::vector<double> logliks;
+            for (int ind = 0; ind < (g == 1 ? 1 : kmn + rnd + 3); ++ind) {
+                const ColumnVector grp = g == 1 ? randomstart(x, 1) : ind < 3 ? linkage(x, g, "sca"[ind])
+                                                 : ind < kmn + 3 ? kmeans(x, g) : randomstart(x, g);
+                fits.push_back(fit(x, grp, g));
+                logliks.push_back(fits.back().loglik);
+            }
+            file << fits[best_start(logliks)];
+        }
+    } catch (const RunError& e) {
+        o.failure = e.what();
+    }
+    o.text = capture.text();
+    o.file = file.str();
+    return o;
+}
+
+}  // namespace
+
+TEST(Emsr, SameFileMessagesAndFailureAsStartsOneAtATimeForAnyThreadCount)
+{
+    io_scratch::ScratchDir dir;
+    const std::string file = dir.file("t.par");
+    struct Case { Matrix x; int max, kmn, rnd; char method; bool messages, refused; };
+    const Case cases[] = {
+        {three_groups(), 3, 2, 2, 'E', false, false}, {three_groups(), 3, 2, 2, 'U', false, false},
+        {few(24), 4, 3, 3, 'E', true, false}, {few(24), 4, 3, 3, 'U', false, false},  // only em reports small groups
+        {few(5), 5, 1, 1, 'E', true, true},  // K-means cannot split 5 points into 5: refused after the linkage starts
+    };
+    for (const Case& c : cases) {
+        srand48(42);
+        const Outcome expected = c.method == 'E' ? one_at_a_time<emstruct>(c.x, c.max, c.kmn, c.rnd, em)
+                                                 : one_at_a_time<emstructuneq>(c.x, c.max, c.kmn, c.rnd, emunequal);
+        EXPECT_EQ(expected.text.find("to small n") != std::string::npos, c.messages) << c.x.Nrows() << c.method;
+        EXPECT_EQ(!expected.failure.empty(), c.refused) << c.x.Nrows() << c.method;
+        for (const char* threads : {"1", "3"}) {
+            ThreadLimit limit(threads);
+            srand48(42);
+            Outcome got;
+            std::ostringstream param;
+            {
+                io_scratch::CaptureStdout capture;
+                try {
+                    emsr(c.x, file, param, c.max, c.kmn, c.rnd, c.method);
+                } catch (const RunError& e) {
+                    got.failure = e.what();
+                }
+                got.text = capture.text();
+            }
+            SCOPED_TRACE(std::to_string(c.x.Nrows()) + " points, " + c.method + ", threads " + threads);
+            EXPECT_EQ(got.text.substr(got.text.find('\n') + 1), expected.text);
+            EXPECT_EQ(param.str(), expected.file);
+            EXPECT_EQ(got.failure, expected.failure);
+        }
+    }
 }
 
 TEST(Emsr, RejectsImpossibleSettingsBeforeTouchingTheFile)
 {
-    io_scratch::ScratchDir dir;
-    const std::string file = dir.write("keep.par", "kept\n");
     const int cases[][4] = {{2, -1, 0, 'E'}, {2, 0, -1, 'U'}, {21, 0, 0, 'U'}, {21, 0, 0, 'e'}};
-    for (const auto& c : cases) EXPECT_THROW(run_emsr(file, c[0], c[1], c[2], char(c[3]), 1), RunError) << c[0];
-    EXPECT_EQ(dir.read("keep.par"), "kept\n");
+    for (const auto& c : cases) {
+        std::ostringstream param;
+        EXPECT_THROW(emsr(three_groups(), "keep.par", param, c[0], c[1], c[2], char(c[3])), RunError) << c[0];
+        EXPECT_EQ(param.str(), "") << c[0];
+    }
 }

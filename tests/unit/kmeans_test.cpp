@@ -53,3 +53,49 @@ TEST(KMeans, CentresSkipTheFirstPermutationEntryAndALaterDuplicateStaysEmpty)
     EXPECT_THROW(kmeans(x, 3), RunError);  // K must stay below n
     EXPECT_THROW(kmeans(x, 0), RunError);
 }
+
+namespace {
+
+// Batch K-means written plainly with whole rows, from the observations named by perm[1..K].
+std::vector<double> plain_kmeans(const Matrix& x, const std::vector<int>& perm, int K)
+{
+    const int n = x.Nrows();
+    Matrix mu(K, x.Ncols());
+    for (int k = 1; k <= K; ++k) mu.Row(k) = x.Row(perm[k]);
+    ColumnVector grp(n), old(n), d(K);
+    grp = 0.0;
+    do {
+        old = grp;
+        for (int i = 1; i <= n; ++i) {
+            for (int k = 1; k <= K; ++k) d(k) = RowVector(mu.Row(k) - x.Row(i)).SumSquare();
+            grp(i) = mindist(d);
+        }
+        mu = 0.0;
+        ColumnVector size(K);
+        size = 0.0;
+        for (int i = 1; i <= n; ++i) mu.Row(int(grp(i))) += x.Row(i), size(int(grp(i))) += 1;
+        for (int k = 1; k <= K; ++k) mu.Row(k) *= 1.0 / size(k);
+    } while (ColumnVector(grp - old).SumSquare() != 0.0);
+    return values(grp);
+}
+
+}  // namespace
+
+TEST(KMeans, DrawThenPassesEqualsThePlainAlgorithmFromTheSameDraws)
+{
+    unsigned short state[3] = {5, 6, 7};
+    for (const int n : {7, 40, 150})
+        for (const int d : {1, 3}) {
+            Matrix x(n, d);
+            for (int i = 1; i <= n; ++i)
+                for (int j = 1; j <= d; ++j) x(i, j) = static_cast<int>(erand48(state) * 5) + erand48(state) * (j - 1);
+            for (const int K : {2, 3, 6}) {
+                srand48(n * K + d);
+                const std::vector<int> perm = kmeans_draw(x, K);
+                const std::vector<double> split = kmeans_from(x.Store(), n, d, perm, K);
+                srand48(n * K + d);
+                EXPECT_EQ(values(kmeans(x, K)), split) << n << " " << d << " " << K;
+                EXPECT_EQ(plain_kmeans(x, perm, K), split) << n << " " << d << " " << K;
+            }
+        }
+}

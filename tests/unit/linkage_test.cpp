@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "common/settings.h"
 #include "starts/linkage.h"
 
 using namespace mixrank;
@@ -68,12 +69,13 @@ Matrix sample_points(int n, int d, int side, unsigned short* state, double scale
 std::vector<int> labels(const ColumnVector& grp) { return std::vector<int>(grp.Store(), grp.Store() + grp.Nrows()); }
 
 // For every K from n + 1 down to 1 and every rule letter (and one with no
-// rule), the labels of one call, of one merge sequence per rule and of the
-// sequences sharing a working table all equal the reference.
+// rule), the labels of one call, of one merge sequence per rule, and of the
+// rules run side by side and one after another all equal the reference.
 void expect_same_as_reference(const Matrix& x, const std::string& what)
 {
     const int n = x.Nrows();
     const std::vector<std::vector<ColumnVector>> all = linkage_partitions(x, n + 1, 1, "scax");
+    const auto one_after_another = linkage_labels(x, n + 1, 1, "scax", 0);  // no memory for side by side
     for (int t = 0; t < 4; ++t) {
         const char type = "scax"[t];
         const std::vector<ColumnVector> seq = linkage_partitions(x, n + 1, 1, type);
@@ -83,6 +85,8 @@ void expect_same_as_reference(const Matrix& x, const std::string& what)
             SCOPED_TRACE(what + " n=" + std::to_string(n) + " K=" + std::to_string(K) + " " + type);
             ASSERT_EQ(labels(seq[n + 1 - K]), expected);
             ASSERT_EQ(labels(all[t][n + 1 - K]), expected);
+            ASSERT_EQ(std::vector<int>(one_after_another[t][n + 1 - K].begin(), one_after_another[t][n + 1 - K].end()),
+                      expected);
             ASSERT_EQ(labels(linkage(x, K, type)), expected);
         }
     }
@@ -139,4 +143,27 @@ TEST(Linkage, RuleLettersTiesZerosAndTheSentinel)
         for (char type : c.types)
             EXPECT_EQ(labels(linkage(c.x, c.K, type)), c.expected) << type << " K=" << c.K << "\n" << c.x;
     EXPECT_TRUE(linkage_partitions(column({1, 2, 3}), 2, 3, 's').empty());  // Kmin above Kmax
+}
+
+TEST(Linkage, RunsNeedingMoreMemoryThanTheLimitAreRefusedWithTheSize)
+{
+    const double GB = 1e9;
+    struct Case { std::size_t n; int max; double limit; std::string refusal; };
+    const Case cases[] = {
+        {80000, 6, 20 * GB, "the linkage starts for 80000 observations need 25.6 GB of memory; only 20.0 GB can be "
+                            "used here (use fewer observations, or score models fitted elsewhere with -1)"},
+        {50000, 6, 20 * GB, ""},  {50000, 2, 9.9 * GB, "need 10.0 GB"},  // the table alone is 10 GB
+        {80000, 1, 1.0, ""},      // one component: no linkage starts
+        {std::size_t(3) << 30, 3, 1e18, "need 41505174668.4 GB"},  // more bytes than 64 bits count
+    };
+    for (const Case& c : cases) {
+        std::string refusal;
+        try {
+            check_linkage_memory(c.n, 4, c.max, static_cast<std::size_t>(c.limit));
+        } catch (const RunError& e) {
+            refusal = e.what();
+        }
+        EXPECT_EQ(refusal.empty(), c.refusal.empty()) << c.n << " " << refusal;
+        EXPECT_NE(refusal.find(c.refusal), std::string::npos) << refusal;
+    }
 }

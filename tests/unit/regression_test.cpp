@@ -1,12 +1,15 @@
-// The risk step's fast paths against the plain whole-matrix forms, model by
-// model, on data small enough for the n x n projection to be formed.
+// The risk step, which never forms an n x n matrix, against the plain
+// whole-matrix forms: every column of the table for several models of both
+// covariance types, on data small enough for the n x n projection.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <sstream>
 #include <string>
 
+#include "io/param_file.h"
 #include "risk/distance.h"
-#include "risk/projection.h"
+#include "risk/risk_loop.h"
 #include "risk/score.h"
 #include "risk_support.h"
 
@@ -14,62 +17,73 @@ using namespace risk_support;
 
 namespace {
 
-class RiskRegression : public ::testing::Test {
-protected:
-    RiskRegression() : settings_(40, 2, 0.5), numbers_(21), x(numbers_.points(40, 2, 2.0, 3, 1.5))
-    {
-        kernel = kernel_matrices(x, kstar);
-    }
-
-    // Distance (with the kernel total), trace(P K*) and the idempotency check
-    // of one model, against the full kernel matrix with per-observation
-    // inversions and P = M (M'M)^-1 M' formed explicitly. Returns whether the
-    // fast check reports the model unstable.
-    template <class Record>
-    bool compare(const Record& fit, const std::string& label)
-    {
-        const int g = fit.mu.Nrows();
-        const double dist = literal_distance(x, fit);
-        EXPECT_NEAR(distance(x, fit, g, kernel.knew_total), dist, 1e-9 * dist) << label;
-        const Matrix M = score(x, fit, g);
-        Matrix Q;
-        projection_factor(M, Q);
-        const Matrix P = literal_projection(M);
-        const double trace = Matrix(P * kstar).Trace();
-        EXPECT_NEAR(trace_projection_kernel(M, Q, kstar), trace, 1e-9 * std::fabs(trace)) << label;
-        const double literal = Matrix(P - P * P).MaximumAbsoluteValue(), fast = projection_instability(M, Q);
-        EXPECT_EQ(fast > 1e-5, literal > 1e-5) << label << ": fast " << fast << ", literal " << literal;
-        return fast > 1e-5;
-    }
-
-    Settings settings_;
-    Numbers numbers_;
-    Matrix x, kstar;
-    KernelSummary kernel;
+struct Columns {
+    double DIST, EE, MLF, RISK, RISKB, LL, AIC, BIC, nparam;
 };
 
-}  // namespace
-
-TEST_F(RiskRegression, EveryModelOfBothCovarianceTypesAgreesWithThePlainForms)
+// One model's row by the literal formulas: the kernel matrix centred and
+// rescaled as a whole, P = M (M'M)^-1 M' formed explicitly.
+template <class Record>
+Columns literal_row(const Matrix& x, const Record& fit, const Matrix& kstar, double scale, double kxx)
 {
-    for (int g = 1; g <= 3; ++g) {
-        emstruct common;
-        emstructuneq per;
-        numbers_.fits(g, 2, common, per);
-        const std::string label = "g = " + std::to_string(g);
-        EXPECT_FALSE(compare(common, label + " common"));
-        EXPECT_FALSE(compare(per, label + " per component"));
+    const int n = x.Nrows();
+    Columns c;
+    c.DIST = (n * n) * literal_distance(x, fit) / scale;
+    const Matrix M = score(x, fit, fit.mu.Nrows());
+    c.EE = Matrix(literal_projection(M) * kstar).Trace();
+    c.MLF = c.DIST - (kxx - c.EE);
+    c.RISK = c.MLF + c.EE;
+    c.nparam = M.Ncols() - 1.0;
+    c.LL = log_likelihood(x, fit);
+    c.AIC = 2.0 * (-c.LL + c.nparam);
+    c.BIC = 2.0 * (-c.LL) + std::log(float(n)) * c.nparam;
+    c.RISKB = c.MLF + (std::log(float(n)) / 2.0f) * c.EE;
+    return c;
+}
+
+template <class Record>
+void compare_tables(const Matrix& x, const std::string& file, char method,
+                    Record (*reader)(int, int, std::istream&), const std::string& label)
+{
+    const int n = x.Nrows(), G = 3;
+    const KernelSummary kernel = kernel_summary(x);
+    std::ostringstream screen;
+    std::istringstream param(file);
+    const RiskTable t = risk_calculation(x, kernel, G, method, param, "models.param", screen);
+
+    const Matrix centred = literal_centred(literal_kernel(x));
+    const double tr = centred.Trace(), scale = centred.SumSquare() / tr;
+    EXPECT_NEAR(kernel.scale, scale, 1e-12 * scale);
+    const Matrix kstar = centred / scale;
+    std::istringstream again(file);
+    for (int g = 1; g <= G; ++g) {
+        const Columns c = literal_row(x, reader(g, x.Ncols(), again), kstar, scale, tr / scale);
+        const double got[] = {t.DIST(g), t.EE(g), t.MLF(g), t.RISK(g), t.RISKB(g), t.LL(g), t.AIC(g), t.BIC(g), t.nparam(g)};
+        const double want[] = {c.DIST, c.EE, c.MLF, c.RISK, c.RISKB, c.LL, c.AIC, c.BIC, c.nparam};
+        for (int col = 0; col < 9; ++col)
+            EXPECT_NEAR(got[col], want[col], 1e-10 * std::fabs(want[col]) + 1e-12)
+                << label << " g = " << g << " column " << col << " (n = " << n << ")";
     }
 }
 
-TEST_F(RiskRegression, NearlyCoincidentComponentsAreUnstableBothWays)
+}  // namespace
+
+TEST(RiskRegression, EveryColumnOfBothCovarianceTypesAgreesWithThePlainForms)
 {
-    emstruct common;
-    emstructuneq per;
-    numbers_.fits(2, 2, common, per);
-    common.mu.Row(2) = common.mu.Row(1) + 1e-7;
-    per.mu.Row(2) = common.mu.Row(2);
-    per.sigma[2].comp = per.sigma[1].comp;
-    EXPECT_TRUE(compare(common, "common"));
-    EXPECT_TRUE(compare(per, "per component"));
+    for (int d : {1, 2, 3}) {
+        const int n = 90;
+        const Settings settings(n, d, 0.5);
+        Numbers numbers(static_cast<unsigned short>(20 + d));
+        const Matrix x = numbers.points(n, d, 2.0, 3, 1.5);
+        std::ostringstream common_file, per_file;
+        for (int g = 1; g <= 3; ++g) {
+            emstruct common;
+            emstructuneq per;
+            numbers.fits(g, d, common, per);
+            common_file << common;
+            per_file << per;
+        }
+        compare_tables(x, common_file.str(), 'E', &readparam_e, "common d = " + std::to_string(d));
+        compare_tables(x, per_file.str(), 'U', &readparam_u, "per component d = " + std::to_string(d));
+    }
 }

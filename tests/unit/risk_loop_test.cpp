@@ -20,21 +20,21 @@ const std::string kTwoModels = kOneModel + "1.9 1.9 \n0.8 \n0.5 0.9 \n1.9 1.9000
 // n = 100 points in two dimensions around two centres, and their kernel.
 class RiskLoop : public ::testing::Test {
 protected:
-    RiskLoop() : settings_(100, 2, 0.5), x(Numbers(4).points(100, 2, 1.3, 2, 2.5)) { kernel = kernel_matrices(x, kstar); }
+    RiskLoop() : settings_(100, 2, 0.5), x(Numbers(4).points(100, 2, 1.3, 2, 2.5)) { kernel = kernel_summary(x); }
 
     // Runs the loop over the models in param; keeps the screen and standard error text.
     RiskTable run(std::istream&& param, int G, char method, const std::string& name = "models.param")
     {
         std::ostringstream screen;
         testing::internal::CaptureStderr();
-        const RiskTable t = risk_calculation(x, kstar, kernel, G, method, param, name, screen);
+        const RiskTable t = risk_calculation(x, kernel, G, method, param, name, screen);
         err = testing::internal::GetCapturedStderr();
         out = screen.str();
         return t;
     }
 
     Settings settings_;
-    Matrix x, kstar;
+    Matrix x;
     KernelSummary kernel;
     std::string out, err;
 };

@@ -1,0 +1,50 @@
+// Classification of every observation by a stored mixture: posterior
+// probabilities, the label of the largest weight and its uncertainty; the
+// ".class" file that holds them and the per-component summary.
+#pragma once
+
+#include <istream>
+#include <ostream>
+#include <string>
+
+#include "common/matrix.h"
+#include "mixture/records.h"
+
+namespace mixrank {
+
+struct Classification {
+    Matrix tau;                // n x K: pi_k f_k(x_i) / sum_j pi_j f_j(x_i)
+    ColumnVector label;        // n: 1..K, the rule of posterior()/posterior2()
+    ColumnVector uncertainty;  // n: 1 - max_k tau_ik
+    // Observations whose every weight is 0 (so far from every component that
+    // the densities vanish): label 1, probabilities and uncertainty NaN.
+    int unweighted = 0;
+};
+
+// x: the scaled data the model was fitted to.
+Classification classify_observations(const Matrix& x, const emstruct& fit);
+Classification classify_observations(const Matrix& x, const emstructuneq& fit);
+
+// Reads the models g = 1..K from param, as the risk step does, and returns
+// the K-component one. RunError, naming paramfile, when the file ends or holds
+// text before that model is complete, or when the model cannot classify: a
+// number that is not finite, proportions that are negative or do not sum to
+// 1, a covariance that is singular or not positive definite.
+emstruct stored_model_e(int K, int d, std::istream& param, const std::string& paramfile);
+emstructuneq stored_model_u(int K, int d, std::istream& param, const std::string& paramfile);
+
+// "<head>.<model>.g<K>.class", head and model as in the report's name.
+std::string class_file_name(const std::string& datafile, const std::string& Methodname, int K);
+
+// One line per observation: its values as read, its label, its K posterior
+// probabilities and its uncertainty, each number with six decimals and one
+// blank after it.
+void write_class_lines(std::ostream& out, const Matrix& original, const Classification& c);
+
+// The table per component (label, observations, proportion, mean
+// uncertainty, mean in the original units) and the count of uncertain
+// observations. sd holds the standard deviation of every data column.
+void print_summary(std::ostream& out, const Classification& c, const ColumnVector& pi,
+                   const Matrix& mu, const ColumnVector& sd);
+
+}  // namespace mixrank

@@ -1,0 +1,178 @@
+#include "classify/classify_run.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+
+#include "classify/classify.h"
+#include "common/matrix.h"
+#include "common/settings.h"
+#include "io/data_checks.h"
+#include "io/atomic_file.h"
+#include "io/data_reader.h"
+#include "io/whole_file.h"
+#include "mixture/records.h"
+#include "risk/kernel.h"
+
+namespace mixrank {
+
+namespace {
+
+const char* option_value(int& i, int argc, char** argv)
+{
+    if (i + 1 >= argc) throw RunError(std::string("option ") + argv[i] + " needs a value");
+    return argv[++i];
+}
+
+int whole_number(const char* text, const std::string& what, char letter, int least, const char* rule)
+{
+    errno = 0;
+    char* end = nullptr;
+    const long v = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || errno != 0 || v < least || v > INT_MAX)
+        throw RunError(what + " given with -" + letter + " must be " + rule + "; got " + text);
+    return static_cast<int>(v);
+}
+
+bool same_file(const std::string& a, const std::string& b)
+{
+    struct stat sa, sb;
+    return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
+}
+
+// Reads the data as mixrank does: the known-size reader when both sizes are
+// given, else the layout detection, with the same checks.
+Matrix read_checked_data(const ClassifyOptions& o)
+{
+    // Read once, whole, as mixrank reads it: a FIFO gives its stream once.
+    const WholeFile data = read_whole_file(o.datafile);
+    if (data.outcome != WholeFile::read)
+        throw RunError("cannot open the data file '" + o.datafile + "'" +
+                       (data.outcome == WholeFile::read_failed ? std::string(": ") + std::strerror(data.error) : ""));
+    Matrix x;
+    if (o.n != 0 && o.d != 0) {
+        x = parse_data(data.bytes, o.datafile, o.n, o.d);
+    } else {
+        try {
+            x = parse_data(data.bytes, o.datafile);
+        } catch (const RunExit&) {  // the reader has said that the file is not rectangular
+            throw RunError("the data file '" + o.datafile +
+                           "' is not rectangular: every line must hold the same number of values");
+        }
+    }
+    obs = x.Nrows();
+    dim = x.Ncols();
+    std::cout << "Read  " << obs << "  data points of dimension  " << dim << " from file:" << o.datafile
+              << std::endl;
+    check_data(x, o.datafile);
+    return x;
+}
+
+template <class Record>
+void classify_and_write(const ClassifyOptions& o, const Matrix& original, const Matrix& scaled,
+                        const ColumnVector& sd, const Record& fit, const std::string& outfile)
+{
+    const Classification c = classify_observations(scaled, fit);
+    AtomicFile file("classification file", outfile);
+    write_class_lines(file.stream(), original, c);
+    file.commit();
+    std::cout << "The " << o.components << "-component model from " << o.paramfile << " ("
+              << (o.method == 'E' ? "common covariance" : "one covariance per component") << ")\n";
+    print_summary(std::cout, c, fit.pi, fit.mu, sd);
+    std::cout << "Labels and posterior probabilities written to " << outfile << std::endl;
+}
+
+}  // namespace
+
+ClassifyOptions classify_options(int argc, char** argv)
+{
+    ClassifyOptions o;
+    o.help = argc <= 1;
+    if (o.help) return o;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--help" || arg == "-help") o.help = true;
+        if (arg.size() < 2 || arg[0] != '-')
+            throw RunError("unexpected argument '" + arg + "'; see mixrank-classify -h");
+        switch (arg[1]) {
+            case 'e': o.method = 'E'; o.Methodname = "equal"; break;
+            case 'u': o.method = 'U'; o.Methodname = "unequal"; break;
+            case 'g':
+                o.components = whole_number(option_value(i, argc, argv), "the number of components", 'g',
+                                            1, "a whole number of at least 1");
+                break;
+            case 'i': o.datafile = option_value(i, argc, argv); break;
+            case 'p': o.paramfile = option_value(i, argc, argv); break;
+            case 'n':
+                o.n = whole_number(option_value(i, argc, argv), "the number of observations", 'n', 0,
+                                   "a whole number, not negative");
+                break;
+            case 'd':
+                o.d = whole_number(option_value(i, argc, argv), "the dimension", 'd', 0,
+                                   "a whole number, not negative");
+                break;
+            case 'h': o.help = true; break;
+            default:
+                if (!o.help) throw RunError("unknown option " + arg + "; see mixrank-classify -h");
+        }
+        if (o.help) return o;
+    }
+    if (o.components == 0) throw RunError("give the number of components of the model with -g K");
+    if (o.datafile.empty()) throw RunError("give the data file with -i DATAFILE");
+    if (o.paramfile.empty()) throw RunError("give the parameter file with -p PARAMFILE");
+    if (o.method == 'U' && o.components > kMaxUnequalComponents)
+        throw RunError("option -g asks for " + std::to_string(o.components) +
+                       " components, but the unequal variance model holds at most " +
+                       std::to_string(kMaxUnequalComponents));
+    return o;
+}
+
+void classify_usage(std::ostream& out)
+{
+    out << "usage: mixrank-classify [-equal|-unequal] -g K -i DATAFILE -p PARAMFILE [-n N -d D]\n"
+           "  -equal | -unequal  one covariance shared by all components (the default) or one per\n"
+           "                     component, as the models in PARAMFILE were fitted\n"
+           "  -g K               the number of components of the stored model to classify with\n"
+           "  -i DATAFILE        the data file the models were fitted to\n"
+           "  -p PARAMFILE       the parameter file mixrank wrote or read\n"
+           "  -n N -d D          the size of the data (both, or neither to detect it)\n"
+           "Writes HEAD.MODEL.gK.class: per observation its values, its label, its K posterior\n"
+           "probabilities and its uncertainty; draw it with mixrank-plot HEAD.MODEL.gK.class\n";
+}
+
+int classify_run(int argc, char** argv)
+{
+    const ClassifyOptions o = classify_options(argc, argv);
+    if (o.help) {
+        classify_usage(std::cout);
+        return 1;
+    }
+    const Matrix original = read_checked_data(o);
+    ColumnVector sd(original.Ncols());
+    for (int j = 1; j <= original.Ncols(); ++j) sd(j) = std::sqrt(variance(original.Column(j)));
+    Matrix scaled = original;
+    scale_columns(scaled);
+
+    std::ifstream param(o.paramfile);
+    struct stat st;
+    if (!param || (::stat(o.paramfile.c_str(), &st) == 0 && S_ISDIR(st.st_mode)))
+        throw RunError("cannot open the parameter file '" + o.paramfile + "'");
+    const std::string outfile = class_file_name(o.datafile, o.Methodname, o.components);
+    for (const std::string* input : {&o.datafile, &o.paramfile})
+        if (same_file(outfile, *input))
+            throw RunError("the classification file " + outfile + " would replace the input file " + *input);
+    if (o.method == 'E')
+        classify_and_write(o, original, scaled, sd, stored_model_e(o.components, dim, param, o.paramfile), outfile);
+    else
+        classify_and_write(o, original, scaled, sd, stored_model_u(o.components, dim, param, o.paramfile), outfile);
+    return 0;
+}
+
+}  // namespace mixrank

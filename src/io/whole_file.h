@@ -1,0 +1,20 @@
+// Reads an input file once, whole, through one descriptor. A regular file is
+// read as it is; a FIFO or pipe is read as a stream until its writer closes
+// it (with no writer it gives nothing at once, it never waits for one). A
+// directory or another special file (a device, a socket) is not read.
+#pragma once
+
+#include <string>
+
+namespace mixrank {
+
+struct WholeFile {
+    enum Outcome { read, cannot_open, directory, special, read_failed };
+    Outcome outcome = cannot_open;
+    int error = 0;  // errno of a failed open or read
+    std::string bytes;
+};
+
+WholeFile read_whole_file(const std::string& name);
+
+}  // namespace mixrank

@@ -1,0 +1,54 @@
+#include "risk/kernel_blocks.h"
+
+#include <cmath>
+
+#include "common/settings.h"
+#include "mixture/density.h"
+
+namespace mixrank {
+
+KernelBlocks::KernelBlocks(const Matrix& x)
+    : n_(static_cast<std::size_t>(x.Nrows())),
+      d_(static_cast<std::size_t>(x.Ncols())),
+      x_(x.Store(), x.Store() + n_ * d_),
+      hh_(h * h),
+      norm_(std::pow(h, static_cast<double>(x.Ncols())) * normal_constant(x.Ncols()))
+{
+}
+
+// exp(-|x_j - x_i|^2 / (2 h^2)) / (h^d c), the differences taken as x_j - x_i
+// and summed over the columns in order.
+double KernelBlocks::value(std::size_t i, std::size_t j) const
+{
+    const double* xi = x_.data() + i * d_;
+    const double* xj = x_.data() + j * d_;
+    double tempval = 0.0;
+    for (std::size_t c = 0; c < d_; ++c) {
+        const double diff = xj[c] - xi[c];
+        tempval += diff * diff;
+    }
+    return std::exp((tempval * -0.5) / hh_) / norm_;
+}
+
+// The same arithmetic as value(), arranged so that the distances of a row
+// are formed in one loop and the exponentials in another.
+void KernelBlocks::block(std::size_t top, std::size_t rows, std::size_t left, std::size_t cols,
+                         double* out) const
+{
+    for (std::size_t a = 0; a < rows; ++a) {
+        const double* xi = x_.data() + (top + a) * d_;
+        const double* xj = x_.data() + left * d_;
+        double* o = out + a * cols;
+        for (std::size_t b = 0; b < cols; ++b, xj += d_) {
+            double tempval = 0.0;
+            for (std::size_t c = 0; c < d_; ++c) {
+                const double diff = xj[c] - xi[c];
+                tempval += diff * diff;
+            }
+            o[b] = (tempval * -0.5) / hh_;
+        }
+        for (std::size_t b = 0; b < cols; ++b) o[b] = std::exp(o[b]) / norm_;
+    }
+}
+
+}  // namespace mixrank
