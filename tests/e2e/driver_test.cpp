@@ -1,184 +1,128 @@
-// The run as a whole: exit statuses, the three parameter sources, the files a
-// run leaves behind and the interactive dialogue.
+// The run as a whole: exit statuses, the three parameter sources, the files a run leaves behind,
+// the interactive dialogue, and the same results for any number of worker threads.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
-#include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <sstream>
+#include <tuple>
 
 #include "harness.h"
 
-using e2e::lines;
-using e2e::numbers;
-using e2e::Workdir;
+using namespace e2e;
 
 namespace {
 
-const std::string kRule64(64, '_');
-
-// n points in d dimensions around three centres, from a fixed formula.
-std::string make_data(int n, int d)
-{
-    std::ostringstream s;
-    for (int i = 0; i < n; ++i) {
-        for (int j = 0; j < d; ++j) {
-            const double centre = (i % 3 == 0) ? 0.0 : (i % 3 == 1 ? 4.0 : 8.0 + j);
-            s << centre + std::sin(1.3 * i + 0.7 * j) + 0.4 * std::cos(0.29 * i * (j + 2)) << " ";
-        }
-        s << "\n";
-    }
-    return s.str();
-}
+const std::string kRule64(64, '_'), kIris = read_file(MIXRANK_EXAMPLES "/iris.dat");
 
 // Expects the pieces to occur in out in this order.
-void expect_in_order(const std::string& out, const std::vector<std::string>& pieces)
+void expect_in_order(const std::string& out, const Args& pieces)
 {
     size_t at = 0;
     for (const auto& p : pieces) {
-        const size_t found = out.find(p, at);
-        ASSERT_NE(found, std::string::npos) << "missing after offset " << at << ": [" << p << "]\n" << out;
-        at = found + p.size();
+        ASSERT_NE(out.find(p, at), std::string::npos) << "missing after offset " << at << ": [" << p << "]\n" << out;
+        at = out.find(p, at) + p.size();
     }
 }
-
-// The scaled copy as the program must write it: every column divided by its
-// standard deviation (divisor n - 1), six decimals, a blank after each value.
-std::string expected_scaled_copy(const std::string& data, int n, int d)
-{
-    const std::vector<double> v = numbers(data);
-    std::string s;
-    for (int i = 0; i < n; ++i) {
-        for (int j = 0; j < d; ++j) {
-            double sum = 0, sumsq = 0;
-            for (int r = 0; r < n; ++r) sum += v[r * d + j], sumsq += v[r * d + j] * v[r * d + j];
-            char buf[64];
-            std::snprintf(buf, sizeof buf, "%.6f ", v[i * d + j] / std::sqrt((sumsq / n - std::pow(sum / n, 2.0)) * n / (n - 1)));
-            s += buf;
-        }
-        s += "\n";
-    }
-    return s;
-}
-
-// Lines of a parameter file for G models in d dimensions: g (d + 1) + 1 per model.
-size_t block_lines(int G, int d) { return (d + 1) * G * (G + 1) / 2 + G; }
 
 }  // namespace
 
-TEST(ExitStatus, HelpUnopenableAndNonRectangularDataEndTheRunEarly)
+TEST(ExitStatus, HelpUnopenableAndNonRectangularDataEndTheRunEarlyAndWriteNothing)
 {
     Workdir w;
     w.write("bad.dat", "1 2\n3 4 5\n");
-    const std::string usage = " OPTIONS:\t\t\t\t\t\t\t\t\t \n";
-    struct Row {
-        std::vector<std::string> args;
-        int status;
-        std::string text;
-    };
-    for (const Row& r : std::vector<Row>{{{}, 1, usage}, {{"-h"}, 1, usage}, {{"--help"}, 1, usage}, {{"-help", "x"}, 1, usage},
-                                        {{"-e", "-2", "-i", "nope.dat", "-s", "4"}, 1, "Error opening file nope.dat!\n"},
-                                        {{"-e", "-2", "-i", "bad.dat", "-s", "4"}, 0,
-                                         "\n\n  ERROR : file is not a rectangular one!!!\n\n"}}) {
-        const auto res = w.run(r.args);
-        EXPECT_EQ(res.status, r.status) << r.text;
-        EXPECT_NE(res.out.find(r.text), std::string::npos) << res.out;
-        if (r.text == usage) { EXPECT_EQ(lines(res.out).size(), 28u); }
-        EXPECT_EQ(w.files(), std::vector<std::string>{"bad.dat"});  // no file created
+    ASSERT_EQ(::mkdir(w.file("dir.dat").c_str(), 0755), 0);
+    const std::string usage = " OPTIONS:\t\t\t\t\t\t\t\t\t \n";  // the first of the usage text's 28 lines
+    for (const auto& [args, status, text] : std::vector<std::tuple<Args, int, std::string>>{
+             {{}, 1, usage}, {{"-h"}, 1, usage}, {{"--help"}, 1, usage}, {{"-help", "x"}, 1, usage},
+             {{"-e", "-i", "nope.dat"}, 1, "Error opening file nope.dat!\n"}, {{"-e", "-i", "dir.dat"}, 1, "Error opening file dir.dat!\n"},
+             {{"-e", "-i", "bad.dat"}, 0, "\n\n  ERROR : file is not a rectangular one!!!\n\n"}}) {
+        const auto before = w.snapshot();
+        const Result r = w.run(args);
+        EXPECT_EQ(r.status, status) << text;
+        EXPECT_NE(r.out.find(text), std::string::npos) << r.out;
+        EXPECT_EQ(lines(r.out).size() == 28, text == usage) << r.out;
+        EXPECT_EQ(w.snapshot(), before);
     }
 }
 
-TEST(OwnEstimator, FitsWritesScaledCopyAndParameterFileThenScores)
+TEST(OwnEstimator, FitsWritesTheScaledCopyAndTheParameterFileThenScoresThemAgain)
 {
     Workdir w;
-    const std::string data = make_data(45, 2);
-    w.write("pts.dat", data);
-    const std::vector<std::string> args = {"-equal", "-2", "-g", "3", "-k", "2", "-r", "2",
-                                           "-i", "pts.dat", "-p", "pts.param", "-s", "5"};
-    const auto r = w.run(args);
+    w.write("t.dat", "1 4\n2 2\n3 6\n");  // standard deviations 1 and 2
+    const Result r = w.run({"-equal", "-2", "-g", "1", "-k", "0", "-r", "0", "-i", "t.dat", "-p", "t.param", "-s", "5"});
     ASSERT_EQ(r.status, 0) << r.out << r.err;
-    expect_in_order(r.out, {"Read  45  data points of dimension  2 from file:pts.dat\n",
-                            " Estimating Parameters and putting it in pts.param for equal variance setup\n",
-                            " Estimating Parameters for 1 components model ....\n",
-                            " Estimating Parameters for 3 components model ....\n",
-                            kRule64 + "\nFINISHED USING EMSR  (parameters stored in)   pts.param\n" + kRule64 + "\n",
-                            "Risk Calculation Started\n", "You have taken "});
-    EXPECT_EQ(r.out.find("STARTED  EMMIX"), std::string::npos);
-    EXPECT_EQ(w.read("pts.dat.std"), expected_scaled_copy(data, 45, 2));
-    const std::string param = w.read("pts.param");
-    EXPECT_EQ(lines(param).size(), block_lines(3, 2));
-    EXPECT_EQ(w.files(), (std::vector<std::string>{"pts.dat", "pts.dat.std", "pts.equal.risk", "pts.param"}));
-    ASSERT_EQ(w.run(args).status, 0);
-    EXPECT_EQ(w.read("pts.param"), param);  // same seed and settings: the same file
+    expect_in_order(r.out, {"Read  3  data points of dimension  2 from file:t.dat\n", " Estimating Parameters and putting it in t.param for "
+                            "equal variance setup\n", " Estimating Parameters for 1 components model ....\n", kRule64 + "\nFINISHED USING "
+                            "EMSR  (parameters stored in)   t.param\n" + kRule64 + "\n", "Risk Calculation Started\n"});
+    EXPECT_EQ(r.out.find("EMMIX"), std::string::npos);
+    const auto fitted = w.snapshot();  // the data, its scaled copy, the fit (mean and covariance, divisor n), the report
+    EXPECT_EQ(fitted.size(), 4u);
+    EXPECT_EQ(fitted.at("t.dat.std"), "1.000000 2.000000 \n2.000000 1.000000 \n3.000000 3.000000 \n");
+    EXPECT_EQ(fitted.at("t.param"), "2.000000 2.000000 \n0.666667 \n0.333333 0.666667 \n1.000000 \n");
+    ::remove(w.file("t.equal.risk").c_str());  // without -p, t.dat's models are read from t.param
+    ASSERT_EQ(w.run({"-equal", "-1", "-g", "1", "-i", "t.dat"}).status, 0);
+    EXPECT_EQ(w.read("t.equal.risk"), fitted.at("t.equal.risk"));
 }
 
 TEST(ExternalEstimator, RunsTheProgramWithItsAnswerScriptAndCleansUp)
 {
     Workdir w;
-    w.write("pts.dat", make_data(45, 2));
+    w.write("iris.dat", kIris);
     w.install_emmix();
-    w.write("expect.txt", "3\npts.dat.std\nsample.out\nn\n45\n2\n2\n1\n3\n1\n4\n20 \n6\ny \n 4 \n 1 \npts.param\n 0 \n 0 \n 0 \n");
-    ::setenv("EMMIX_EXPECT", w.file("expect.txt").c_str(), 1);
-    const auto r = w.run({"-e", "-3", "-g", "3", "-k", "6", "-r", "4", "-i", "pts.dat", "-p", "pts.param", "-s", "11"});
-    ::unsetenv("EMMIX_EXPECT");
+    w.write("expect.txt", "3\niris.dat.std\nsample.out\nn\n150\n4\n4\n1\n3\n1\n4\n20 \n6\ny \n 4 \n 1 \ni.param\n 0 \n 0 \n 0 \n");
+    const Args args = {"-e", "-3", "-g", "3", "-k", "6", "-r", "4", "-i", "iris.dat", "-p", "i.param", "-s", "11"};
+    const Result r = w.run(args, "", {"EMMIX_EXPECT=" + w.file("expect.txt")});
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_EQ(r.err, "");
-    expect_in_order(r.out, {"STARTED  EMMIX   (parameters stored in)   pts.param\n", "emmix stand-in: fitting",
-                            kRule64 + "\nFINISHED USING EMMIX   (parameters stored in)   pts.param\n" + kRule64 + "\n",
-                            "Risk Calculation Started\n"});
-    EXPECT_EQ(lines(w.read("pts.param")).size(), block_lines(3, 2));
-    EXPECT_EQ(w.files(), (std::vector<std::string>{"emmix", "expect.txt", "pts.dat", "pts.dat.std", "pts.equal.risk",
-                                                   "pts.param"}));  // no answer script, no sample.out
-    EXPECT_TRUE(std::isfinite(numbers(lines(w.read("pts.equal.risk")).at(3))[6]));
-
-    ::remove(w.file("emmix").c_str());  // without the program: one line, no scoring of the old file
-    ::remove(w.file("pts.equal.risk").c_str());
-    const auto none = w.run({"-e", "-3", "-g", "2", "-i", "pts.dat", "-p", "pts.param", "-s", "11"});
-    EXPECT_EQ(none.status, 1);
-    EXPECT_EQ(none.err, "mixrank: cannot start ./emmix: No such file or directory\n");
-    EXPECT_EQ(none.out.find("Risk Calculation"), std::string::npos);
-    EXPECT_FALSE(w.exists("pts.equal.risk"));
-    EXPECT_FALSE(w.exists("pts.dat.std.em"));
-}
-
-TEST(Dialogue, OwnEstimatorAsksEveryQuestionInOrder)
-{
-    Workdir w;
-    w.write("pts.dat", make_data(45, 2));
-    const auto r = w.run({"-unequal"}, "7\npts.dat\n0\n0\n0.5\n99\n2\nn\nd.param\n1\n1\n");
-    ASSERT_EQ(r.status, 0) << r.out << r.err;
-    expect_in_order(r.out, {"need parameterr input file \n\n\n\n\n", "GIVE seed:", "\nGive the name of the datafile:",
-                            "\nNo of obs:", "\nNo of dim:", "\nTuning h:", "dummy:obs :", "Read  45  data points",
-                            "\n\nMax no.  of components to be fitted:\n",
-                            "Do you want to get the estimates from a file [Y/N/C] :",
-                            "\nGive the name of the parameterfile to store the parameters or stored parameters:",
-                            "\nNo of Random Starts:", "\nNo of kmeans start:",
-                            " Estimating Parameters and putting it in d.paramfor unequal variance \n",
-                            "FINISHED USING EMSR  (parameters stored in)   d.param\n"});
-    EXPECT_EQ(lines(w.read("d.param")).size(), block_lines(2, 2));
-    EXPECT_TRUE(w.exists("pts.unequal.risk"));  // the model name comes from -unequal
-}
-
-TEST(Dialogue, FileAnswersReadTheStoredParametersAndTheExternalAnswerRunsTheProgram)
-{
-    Workdir w;
-    w.write("pts.dat", make_data(45, 2));
-    ASSERT_EQ(w.run({"-e", "-2", "-g", "2", "-k", "1", "-r", "1", "-i", "pts.dat", "-p", "s.param", "-s", "3"}).status, 0);
-    const std::string first = w.read("pts.equal.risk");
-    for (const std::string answer : {"Y", "c"}) {
-        ::remove(w.file("pts.dat.std").c_str());
-        const auto r = w.run({"-e"}, "3\npts.dat\n0\n0\n0.5\n0\n2\n" + answer + "\ns.param\n");
-        ASSERT_EQ(r.status, 0) << r.out << r.err;
-        EXPECT_EQ(r.out.find("No of Random Starts:"), std::string::npos);
-        EXPECT_EQ(r.out.find("Estimating Parameters"), std::string::npos);
-        EXPECT_FALSE(w.exists("pts.dat.std"));
-        EXPECT_EQ(w.read("pts.equal.risk"), first) << "answer " << answer;
+    expect_in_order(r.out, {"STARTED  EMMIX   (parameters stored in)   i.param\n", "emmix stand-in: fitting", kRule64 + "\nFINISHED USING "
+                            "EMMIX   (parameters stored in)   i.param\n" + kRule64 + "\n", "Risk Calculation Started\n"});
+    const auto done = w.snapshot();  // no answer script, no sample.out
+    EXPECT_EQ(done.size(), 6u);
+    EXPECT_EQ(lines(done.at("i.param")).size(), 6u + 11 + 16);  // g (d + 1) + 1 lines for g = 1, 2, 3
+    EXPECT_EQ(lines(done.at("iris.equal.risk")).size(), 4u);
+    // A program that writes nothing (this one refuses other answers), leaving the old file or none:
+    // one line, nothing scored, no file changed.
+    for (const std::string param : {"i.param", "new.param"}) {
+        const Result none = w.run(with(args, {"-p", param}), "", {"EMMIX_EXPECT=" + w.file("iris.dat")});
+        EXPECT_EQ(none.status, 1);
+        EXPECT_EQ(none.err, "emmix stand-in: expected 150 answers, received 20\n"
+                            "mixrank: ./emmix left no parameter file '" + param + "' newer than its answer script; nothing to score\n");
+        EXPECT_EQ(none.out.find("Risk Calculation"), std::string::npos);
+        EXPECT_EQ(w.snapshot(), done);
     }
-    w.install_emmix();
-    const auto r = w.run({"-e"}, "3\npts.dat\n0\n0\n0.5\n0\n2\nE\ne.param\n2\n3\n");
-    ASSERT_EQ(r.status, 0) << r.out << r.err;
-    expect_in_order(r.out, {"\nNo of Random Starts:", "\nNo of kmeans start:",
-                            "STARTED  EMMIX   (parameters stored in)   e.param\n", "emmix stand-in: fitting",
-                            "FINISHED USING EMMIX"});
-    EXPECT_EQ(lines(w.read("e.param")).size(), block_lines(2, 2));
+}
+
+TEST(Dialogue, AsksEveryQuestionInOrder)
+{
+    Workdir w;
+    w.write("iris.dat", kIris);
+    const Result r = w.run({"-unequal"}, "7\niris.dat\n0\n0\n0.5\n99\n2\nn\nd.param\n1\n1\n");
+    expect_in_order(r.out, {"need parameterr input file \n\n\n\n\n", "GIVE seed:", "\nGive the name of the datafile:", "\nNo of obs:", "\nNo of dim:",
+                            "\nTuning h:", "dummy:obs :", "Read  150  data points", "\n\nMax no.  of components to be fitted:\n",
+                            "Do you want to get the estimates from a file [Y/N/C] :", "\nGive the name of the parameterfile to store the parameters "
+                            "or stored parameters:", "\nNo of Random Starts:", "\nNo of kmeans start:", " Estimating Parameters and putting it in "
+                            "d.paramfor unequal variance \n", "FINISHED USING EMSR"});
+    EXPECT_EQ(lines(w.read("d.param")).size(), 6u + 11);  // g (d + 1) + 1 lines for g = 1, 2
+    EXPECT_EQ(w.snapshot().count("iris.unequal.risk"), 1u);  // the model name comes from -unequal
+}
+
+TEST(Threads, OneOrThreeThreadsGiveTheSameFilesAndScreen)
+{
+    for (const std::string model : {"-equal", "-unequal"}) {  // -equal: some starts of 4 and 5 groups are too small
+        std::string seen[2];
+        for (int t = 0; t < 2; ++t) {
+            Workdir dir;
+            dir.write("iris.dat", kIris);
+            const Result r = dir.run({model, "-2", "-g", "5", "-i", "iris.dat", "-p", "i.param", "-s", "3"}, "", {t ? "OMP_NUM_THREADS=3" : "OMP_NUM_THREADS=1"});
+            seen[t] = std::to_string(r.status) + r.err;
+            for (const std::string& line : lines(r.out))
+                if (line.find(" secs") == std::string::npos) seen[t] += line + "\n";  // the timing lines differ
+            for (const auto& [name, text] : dir.snapshot()) seen[t] += "== " + name + "\n" + text;
+            // The models' free parameters: means, covariances (one, or one per component), proportions.
+            const Args report = lines(dir.read("iris." + model.substr(1) + ".risk"));
+            ASSERT_EQ(report.size(), 6u) << model;
+            for (int g = 1; g <= 5; ++g) EXPECT_EQ(numbers(report[g]).at(0), model == "-equal" ? 5 * g + 9 : 15 * g - 1) << model;
+        }
+        EXPECT_EQ(seen[0], seen[1]) << model;
+        EXPECT_EQ(seen[0].find("to small n") != std::string::npos, model == "-equal") << seen[0];
+    }
 }

@@ -1,9 +1,8 @@
-// The files around the numbers: names no shell may see, an interrupted fit,
-// two runs at once in one directory.
+// The files around the numbers: names no shell may see, an interrupted fit, two runs at once in
+// one directory.
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -11,13 +10,11 @@
 #include <filesystem>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "harness.h"
 
-using e2e::Result;
-using e2e::Workdir;
-using Args = std::vector<std::string>;
-namespace fs = std::filesystem;
+using namespace e2e;
 
 namespace {
 
@@ -25,30 +22,17 @@ namespace {
 std::string make_data(int n)
 {
     std::ostringstream s;
-    for (int i = 0; i < n; ++i)
-        s << (i % 3) * 4.0 + std::sin(1.3 * i) << " " << (i % 3) * 4.0 + std::cos(0.7 * i) + 0.3 * std::sin(0.11 * i) << "\n";
+    for (int i = 0; i < n; ++i) s << (i % 3) * 4.0 + std::sin(1.3 * i) << " " << (i % 3) * 4.0 + std::cos(0.7 * i) + 0.3 * std::sin(0.11 * i) << "\n";
     return s.str();
 }
 
-// Lines of the first k records of a parameter file in two dimensions.
-size_t record_lines(int k) { return 3 * k * (k + 1) / 2 + k; }
-
-size_t line_count(const std::string& text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
-
-// Names in the directory that begin with prefix.
-std::vector<std::string> starting_with(const Workdir& w, const std::string& prefix)
+// Names in the directory that begin with prefix (no file is read: this polls a running fit).
+Args starting_with(const Workdir& w, const std::string& prefix)
 {
-    std::vector<std::string> found;
-    for (const auto& name : w.files())
-        if (name.rfind(prefix, 0) == 0) found.push_back(name);
+    Args found;
+    for (const auto& entry : std::filesystem::directory_iterator(w.path()))
+        if (entry.path().filename().string().rfind(prefix, 0) == 0) found.push_back(entry.path().filename());
     return found;
-}
-
-// The screen table and the Sdof lines of a run.
-std::string table_of(const std::string& out)
-{
-    const size_t from = out.find("Risk Calculation Started"), to = out.find("You have taken");
-    return from == std::string::npos || to == std::string::npos ? "" : out.substr(from, to - from);
 }
 
 }  // namespace
@@ -56,32 +40,26 @@ std::string table_of(const std::string& out)
 TEST(FileSafety, HostileNamesTouchNoOtherFileAndRunNothing)
 {
     // What "rm -f <name>.std.em" or "./emmix < <name>.std.em" through a shell would remove or run.
-    const Args names = {"my data.dat", "it's \"q\".dat", "a$(touch made1).dat", "b;touch made2;.dat",
-                        "c\nd.dat", "-f keep.dat", "`touch made3`.dat"};
+    const Args names = {"my data.dat", "it's \"q\".dat", "a$(touch made1).dat", "b;touch made2;.dat", "c\nd.dat", "-f keep.dat", "`touch made3`.dat"};
     const Args sentinels = {"my", "data.dat.std.em", "b", "c", "d.dat.std.em", "keep.dat.std.em"};
-    struct Mode {
-        std::string method;
-        bool emmix;
-        int status, newline_status;
-        std::string error;
-    };
-    for (const Mode& m : std::vector<Mode>{{"-2", false, 0, 0, ""},
-                                           {"-3", true, 0, 1, ""},
-                                           {"-3", false, 1, 1, "mixrank: cannot start ./emmix: No such file or directory\n"}}) {
+    // method, ./emmix there, status (a name with a newline: status), the one line of a refusal
+    for (const auto& [method, emmix, status, newline_status, error] : std::vector<std::tuple<std::string, bool, int, int, std::string>>{
+             {"-2", false, 0, 0, ""}, {"-3", true, 0, 1, ""}, {"-3", false, 1, 1, "mixrank: cannot start ./emmix: No such file or directory\n"}}) {
         Workdir w;
-        if (m.emmix) w.install_emmix();
+        if (emmix) w.install_emmix();
         for (const auto& s : sentinels) w.write(s, "sentinel\n");
         for (const auto& name : names) {
+            SCOPED_TRACE(method + " [" + name + "]");
             w.write(name, make_data(30));
             const bool newline = name.find('\n') != std::string::npos;
-            const Result r = w.run({"-e", m.method, "-g", "2", "-k", "1", "-r", "1", "-i", name, "-p", "q $(touch made4).param", "-s", "3"});
-            EXPECT_EQ(r.status, newline ? m.newline_status : m.status) << m.method << " [" << name << "] " << r.err;
-            if (!m.error.empty() && !newline) { EXPECT_EQ(r.err, m.error) << name; }
-            EXPECT_EQ(e2e::lines(r.err).size(), r.status == 0 ? 0u : 1u) << m.method << " [" << name << "] " << r.err;
-            for (const auto& s : sentinels) EXPECT_EQ(w.read(s), "sentinel\n") << m.method << " [" << name << "] " << s;
-            EXPECT_TRUE(starting_with(w, "made").empty()) << m.method << " [" << name << "]";
-            EXPECT_FALSE(w.exists(name + ".std.em"));
-            EXPECT_FALSE(w.exists("sample.out"));
+            const Result r = w.run({"-e", method, "-g", "2", "-k", "1", "-r", "1", "-i", name, "-p", "q $(touch made4).param", "-s", "3"});
+            EXPECT_EQ(r.status, newline ? newline_status : status) << r.err;
+            EXPECT_EQ(lines(r.err).size(), r.status == 0 ? 0u : 1u) << r.err;
+            if (!error.empty() && !newline) { EXPECT_EQ(r.err, error); }
+            for (const auto& s : sentinels) EXPECT_EQ(w.read(s), "sentinel\n") << s;
+            const auto seen = w.snapshot();
+            EXPECT_EQ(seen.count("made1") + seen.count("made2") + seen.count("made3") + seen.count("made4"), 0u);
+            EXPECT_EQ(seen.count(name + ".std.em") + seen.count("sample.out"), 0u);
         }
     }
 }
@@ -90,52 +68,45 @@ TEST(FileSafety, InterruptedFitLeavesTheEarlierFileAndKeepsTheFinishedRecords)
 {
     Workdir w;
     w.write("big.dat", make_data(3000));
-    const std::string earlier = "earlier fits\n", older_partial = "an older partial file\n";
-    struct Moment {
-        int wanted;  // whole records in the temporary file when SIGTERM is sent
-        bool taken;  // an older .partial file is there: the temporary file keeps its own name
-    };
-    for (const Moment m : {Moment{0, false}, Moment{1, false}, Moment{3, false}, Moment{1, true}}) {
-        w.write("big.param", earlier);
-        ::unlink(w.file("big.param.partial").c_str());
-        if (m.taken) w.write("big.param.partial", older_partial);
-        const e2e::Started run = w.start({"-e", "-2", "-k", "60", "-r", "60", "-i", "big.dat", "-p", "big.param", "-s", "1"});
+    const auto record_lines = [](size_t k) { return 3 * k * (k + 1) / 2 + k; };  // of the first k records, in two dimensions
+    const auto line_count = [](const std::string& text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); };
+    // whole records in the temporary file when SIGTERM is sent; an older .partial file there (the
+    // temporary file then keeps its own name)
+    for (const auto& [wanted, taken] : std::vector<std::pair<size_t, bool>>{{0, false}, {1, false}, {3, false}, {1, true}}) {
+        SCOPED_TRACE(std::to_string(wanted) + (taken ? " records, .partial taken" : " records"));
+        w.write("big.param", "earlier fits\n");
+        std::filesystem::remove(w.file("big.param.partial"));
+        if (taken) w.write("big.param.partial", "an older partial file\n");
+        const Started run = w.start(MIXRANK_BINARY, {"-e", "-2", "-k", "60", "-r", "60", "-i", "big.dat", "-p", "big.param", "-s", "1"});
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         for (bool ready = false; !ready && std::chrono::steady_clock::now() < deadline;) {
-            for (const auto& temporary : starting_with(w, ".big.param."))
-                ready = ready || line_count(w.read(temporary)) >= record_lines(m.wanted);
+            for (const auto& temporary : starting_with(w, ".big.param.")) ready = ready || line_count(w.read(temporary)) >= record_lines(wanted);
             if (!ready) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         ::kill(run.pid, SIGTERM);
         const Result r = w.finish(run);
-        EXPECT_EQ(r.status, 128 + SIGTERM) << m.wanted << r.err;
-        EXPECT_EQ(w.read("big.param"), earlier) << m.wanted;
-        const std::vector<std::string> left = starting_with(w, ".big.param.");
-        std::string kept_in = "big.param.partial";
-        if (m.taken) {
-            EXPECT_EQ(w.read("big.param.partial"), older_partial);
-            ASSERT_EQ(left.size(), 1u) << r.err;
-            kept_in = left[0];
-        } else {
-            EXPECT_TRUE(left.empty()) << "a temporary file is left";
-        }
-        if (!w.exists(kept_in)) {
-            EXPECT_EQ(m.wanted, 0);
+        EXPECT_EQ(r.status, 128 + SIGTERM) << r.err;
+        EXPECT_EQ(w.read("big.param"), "earlier fits\n");
+        const Args left = starting_with(w, ".big.param.");
+        EXPECT_EQ(left.size(), taken ? 1u : 0u) << r.err;  // a temporary file is left only under its own name
+        const std::string kept_in = taken && !left.empty() ? left[0] : "big.param.partial";
+        if (taken) { EXPECT_EQ(w.read("big.param.partial"), "an older partial file\n"); }
+        if (w.snapshot().count(kept_in) == 0) {
+            EXPECT_EQ(wanted, 0u);
             EXPECT_EQ(r.err, "");
             continue;
         }
         const size_t kept = line_count(w.read(kept_in));
-        int k = 1;
+        size_t k = 1;
         while (record_lines(k) < kept) ++k;
         ASSERT_EQ(record_lines(k), kept) << "not whole records";
-        EXPECT_GE(k, m.wanted);
-        EXPECT_NE(r.err.find(" of the parameter file 'big.param' " + std::string(k == 1 ? "is" : "are") + " kept in '" +
-                             kept_in + "'"), std::string::npos) << r.err;
+        EXPECT_GE(k, wanted);
+        EXPECT_NE(r.err.find(" of the parameter file 'big.param' " + std::string(k == 1 ? "is" : "are") + " kept in '" + kept_in + "'"), std::string::npos) << r.err;
         const Result scored = w.run({"-e", "-1", "-g", std::to_string(k), "-i", "big.dat", "-p", kept_in});
         EXPECT_EQ(scored.status, 0);
         EXPECT_EQ(scored.err, "");  // every model read
         EXPECT_EQ(scored.out.find("nan"), std::string::npos);
-        if (m.taken) ::unlink(w.file(kept_in).c_str());
+        if (taken) std::filesystem::remove(w.file(kept_in));
     }
 }
 
@@ -145,11 +116,16 @@ TEST(FileSafety, TwoRunsAtOnceEachScoreTheirOwnFit)
     w.write("pts.dat", make_data(1200));
     const Args a = {"-e", "-2", "-g", "3", "-k", "5", "-r", "5", "-i", "pts.dat", "-p", "same.param", "-s", "1"};
     const Args b = {"-e", "-2", "-g", "4", "-k", "4", "-r", "6", "-i", "pts.dat", "-p", "same.param", "-s", "2"};
+    const auto table_of = [](const std::string& out) {  // the screen table and the Sdof lines
+        const size_t from = out.find("Risk Calculation Started"), to = out.find("You have taken");
+        return from == std::string::npos || to == std::string::npos ? "" : out.substr(from, to - from);
+    };
     const std::string table_a = table_of(w.run(a).out), param_a = w.read("same.param");
     const std::string table_b = table_of(w.run(b).out), param_b = w.read("same.param");
     ASSERT_NE(table_a, "");
+    ASSERT_NE(table_a, table_b);
     for (int round = 0; round < 2; ++round) {
-        const e2e::Started first = w.start(a), second = w.start(b);
+        const Started first = w.start(MIXRANK_BINARY, a), second = w.start(MIXRANK_BINARY, b);
         const Result ra = w.finish(first), rb = w.finish(second);
         EXPECT_EQ(ra.err + rb.err, "");
         EXPECT_EQ(table_of(ra.out), table_a);

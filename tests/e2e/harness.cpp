@@ -5,10 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
-
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -19,85 +18,53 @@ namespace e2e {
 
 namespace fs = std::filesystem;
 
-static std::string quote(const std::string& s)
+Workdir::Workdir() : path_(std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/mixrank-e2e-XXXXXX")
 {
-    std::string q = "'";
-    for (char c : s) q += (c == '\'') ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
+    if (!mkdtemp(&path_[0])) throw std::runtime_error("cannot make a temporary directory");
 }
 
-Workdir::Workdir()
-{
-    char tmpl[] = "/tmp/mixrank-e2e-XXXXXX";
-    if (!mkdtemp(tmpl)) throw std::runtime_error("cannot make a temporary directory");
-    path_ = tmpl;
-}
+Workdir::~Workdir() { std::error_code ignored; fs::remove_all(path_, ignored); }  // a directory already gone is fine
 
-Workdir::~Workdir()
-{
-    std::error_code ignored;  // a directory that is already gone is fine
-    fs::remove_all(path_, ignored);
-}
+// Binary: CR LF stays as written.
+void Workdir::write(const std::string& name, const std::string& content) const { std::ofstream(file(name), std::ios::binary) << content; }
 
-void Workdir::write(const std::string& name, const std::string& content) const
-{
-    std::ofstream(file(name), std::ios::binary) << content;  // binary: CR LF stays as written
-}
-
-std::string Workdir::read(const std::string& name) const
+std::string read_file(const std::string& path)
 {
     std::ostringstream s;
-    s << std::ifstream(file(name), std::ios::binary).rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
 }
 
-bool Workdir::exists(const std::string& name) const { return fs::exists(file(name)); }
+std::string Workdir::read(const std::string& name) const { return read_file(file(name)); }
 
-std::vector<std::string> Workdir::files() const
+std::map<std::string, std::string> Workdir::snapshot() const
 {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(path_)) names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
+    std::map<std::string, std::string> seen;
+    for (const auto& entry : fs::directory_iterator(path_))
+        seen[entry.path().filename()] = entry.is_regular_file() ? read_file(entry.path()) : "(not a regular file)";
+    return seen;
 }
 
-void Workdir::install_emmix() const
-{
-    fs::copy_file(EMMIX_STANDIN, file("emmix"), fs::copy_options::overwrite_existing);
-}
+void Workdir::install_emmix() const { fs::copy_file(EMMIX_STANDIN, file("emmix"), fs::copy_options::overwrite_existing); }
 
-Result Workdir::run(const std::vector<std::string>& args, const std::string& input) const
-{
-    return run_program(MIXRANK_BINARY, args, input);
-}
-
-Result Workdir::run_program(const std::string& program, const std::vector<std::string>& args,
-                            const std::string& input) const
-{
-    write(".stdin", input);
-    std::string cmd = "cd " + quote(path_) + " && " + quote(program);
-    for (const auto& a : args) cmd += " " + quote(a);
-    const int raw = std::system((cmd + " < .stdin > .stdout 2> .stderr").c_str());
-    const Result r{WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), read(".stdout"), read(".stderr")};
-    for (const char* f : {".stdin", ".stdout", ".stderr"}) ::unlink(file(f).c_str());
-    return r;
-}
-
-Started Workdir::start(const std::vector<std::string>& args, long file_limit) const
+Started Workdir::start(const std::string& program, const Args& args, const std::string& input, const Args& env,
+                       long file_limit) const
 {
     static int count = 0;
-    const std::string tag = std::to_string(::getpid()) + "-" + std::to_string(++count);
-    Started s{-1, path_ + ".out-" + tag, path_ + ".err-" + tag};  // beside the directory, not in it
-    std::vector<std::string> argv_text = {MIXRANK_BINARY};
-    argv_text.insert(argv_text.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& a : argv_text) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-    s.pid = ::fork();
+    const std::string tag = path_ + "." + std::to_string(++count);  // beside the directory, not in it
+    std::ofstream(tag + ".in", std::ios::binary) << input;
+    Args text = with({program}, args), settings = env;  // settings: env, then those of ours it does not replace
+    const auto name = [](const std::string& setting) { return setting.substr(0, setting.find('=') + 1); };
+    for (char** e = environ; *e; ++e)
+        if (std::none_of(env.begin(), env.end(), [&](const std::string& mine) { return name(mine) == name(*e); })) settings.push_back(*e);
+    std::vector<char*> argv, envp;  // made before the fork: the child calls only async-signal-safe functions
+    for (auto& a : text) argv.push_back(&a[0]);
+    for (auto& e : settings) envp.push_back(&e[0]);
+    argv.push_back(nullptr), envp.push_back(nullptr);
+    const Started s{::fork(), tag + ".in", tag + ".out", tag + ".err"};
     if (s.pid == 0) {
-        const int in = ::open("/dev/null", O_RDONLY);
-        const int out = ::open(s.out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int err = ::open(s.err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int in = ::open(s.in.c_str(), O_RDONLY), out = ::open(s.out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644),
+                  err = ::open(s.err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         if (in < 0 || out < 0 || err < 0 || ::chdir(path_.c_str()) != 0) ::_exit(126);
         ::dup2(in, 0), ::dup2(out, 1), ::dup2(err, 2);
         if (file_limit > 0) {
@@ -105,7 +72,7 @@ Started Workdir::start(const std::vector<std::string>& args, long file_limit) co
             const rlimit limit{static_cast<rlim_t>(file_limit), static_cast<rlim_t>(file_limit)};
             ::setrlimit(RLIMIT_FSIZE, &limit);
         }
-        ::execv(argv[0], argv.data());
+        ::execvpe(argv[0], argv.data(), envp.data());
         ::_exit(127);
     }
     if (s.pid < 0) throw std::runtime_error("cannot fork");
@@ -117,13 +84,15 @@ Result Workdir::finish(const Started& run) const
     int raw = 0;
     while (::waitpid(run.pid, &raw, 0) < 0 && errno == EINTR) {
     }
-    const auto slurp = [](const std::string& name) {
-        std::ostringstream s;
-        s << std::ifstream(name, std::ios::binary).rdbuf();
-        ::unlink(name.c_str());
-        return s.str();
-    };
-    return Result{WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), slurp(run.out), slurp(run.err)};
+    const Result r{WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), read_file(run.out), read_file(run.err)};
+    for (const std::string* f : {&run.in, &run.out, &run.err}) ::unlink(f->c_str());
+    return r;
+}
+
+Args with(Args base, const Args& more)
+{
+    base.insert(base.end(), more.begin(), more.end());
+    return base;
 }
 
 std::vector<std::string> lines(const std::string& text)

@@ -1,61 +1,57 @@
-// Runs the built mixrank binary in a fresh temporary directory and collects
-// what it printed, its exit status and the files it left.
+// Runs the built programs, without a shell, in a fresh temporary directory and collects what they
+// printed, their exit status and the files they left.
 #pragma once
 
 #include <sys/types.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
 namespace e2e {
 
+using Args = std::vector<std::string>;
+
 struct Result {
-    int status = -1;
-    std::string out;
-    std::string err;
+    int status = -1;  // a run ended by signal s: 128 + s
+    std::string out, err;
 };
 
-// A run started in the background (see Workdir::start).
-struct Started {
+struct Started {  // a run in the background: its pid and the files of its input and output
     pid_t pid = -1;
-    std::string out, err;  // files receiving its standard output and error
+    std::string in, out, err;
 };
 
 class Workdir {
 public:
-    Workdir();
+    Workdir();  // under $TMPDIR, else /tmp
     ~Workdir();
     Workdir(const Workdir&) = delete;
     Workdir& operator=(const Workdir&) = delete;
-
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
     void write(const std::string& name, const std::string& content) const;
     std::string read(const std::string& name) const;
-    bool exists(const std::string& name) const;
-    // Names of the regular files in the directory, sorted.
-    std::vector<std::string> files() const;
-    // Copies the emmix stand-in into the directory as ./emmix.
-    void install_emmix() const;
-    // Runs mixrank with the arguments, standard input taken from input.
-    Result run(const std::vector<std::string>& args, const std::string& input = "") const;
-    // Runs another program (one of mixrank's companions) the same way.
-    Result run_program(const std::string& program, const std::vector<std::string>& args,
-                       const std::string& input = "") const;
-    // Starts mixrank in the directory without a shell, standard input empty;
-    // file_limit > 0 caps the size of the files it writes (RLIMIT_FSIZE,
-    // SIGXFSZ ignored, so a write past it fails with EFBIG).
-    Started start(const std::vector<std::string>& args, long file_limit = 0) const;
-    // Waits for a started run; a run ended by signal s has status 128 + s.
+    std::map<std::string, std::string> snapshot() const;  // every name -> content (not a regular file: a mark)
+    void install_emmix() const;                           // the stand-in, as ./emmix
+    // Starts program (searched in PATH if it has no slash) in the directory, env (NAME=value) added to its
+    // environment; file_limit > 0 caps the files it writes (SIGXFSZ ignored: a write past it fails, EFBIG).
+    Started start(const std::string& program, const Args& args, const std::string& input = "", const Args& env = {},
+                  long file_limit = 0) const;
     Result finish(const Started& run) const;
+    Result run_program(const std::string& program, const Args& args, const std::string& input = "", const Args& env = {}) const
+    {
+        return finish(start(program, args, input, env));
+    }
+    Result run(const Args& args, const std::string& input = "", const Args& env = {}) const { return run_program(MIXRANK_BINARY, args, input, env); }
 
 private:
     std::string path_;
 };
 
-// Lines of text, without their newline characters.
+std::string read_file(const std::string& path);
+Args with(Args base, const Args& more);                // base followed by more
 std::vector<std::string> lines(const std::string& text);
-// Whitespace-separated numbers of one line.
-std::vector<double> numbers(const std::string& line);
+std::vector<double> numbers(const std::string& line);  // its blank-separated numbers
 
 }  // namespace e2e
