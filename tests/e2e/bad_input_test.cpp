@@ -1,12 +1,12 @@
 // Bad input from end to end: every refusal is one line on standard error with exit status 1 and
-// leaves the files the user already had as they were; what is not refused reads as documented.
+// leaves the files the user already had as they were; a missing parameter file only warns.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cmath>
-#include <sstream>
+#include <tuple>
 
 #include "harness.h"
 
@@ -14,24 +14,15 @@ using namespace e2e;
 
 namespace {
 
-// 30 points in two dimensions on two loose clusters, lines ended by eol.
-std::string make_data(const char* eol = "\n")
-{
-    std::ostringstream s;
-    for (int i = 0; i < 30; ++i) s << (i % 2) * 3.0 + std::sin(1.7 * i) << " " << (i % 2) * 4.0 + std::cos(0.9 * i) << eol;
-    return s.str();
-}
+const Args kFit = {"-e", "-2", "-k", "1", "-r", "1", "-i", "iris.dat", "-p", "keep.param", "-s", "3"};
 
-const Args kFit = {"-e", "-2", "-k", "1", "-r", "1", "-i", "pts.dat", "-p", "keep.param", "-s", "3"};
-const Args kScore = {"-e", "-1", "-g", "2", "-i", "pts.dat", "-p", "keep.param", "-s", "3"};
-
-// The user's data, a parameter file with models g = 1, 2 for d = 2, and an earlier report.
+// The user's data, earlier fits and an earlier report.
 struct UserDir : Workdir {
     UserDir()
     {
-        write("pts.dat", make_data());
-        write("pts.equal.risk", "an earlier report\n");
-        write("keep.param", "1.0 1.2 \n0.9 \n0.2 1.1 \n1.0 \n0.2 0.3 \n0.3 \n0.05 0.35 \n1.8 2.0 \n0.3 \n0.05 0.35 \n0.5 0.5 \n");
+        write("iris.dat", read_file(MIXRANK_EXAMPLES "/iris.dat"));
+        write("iris.equal.risk", "an earlier report\n");
+        write("keep.param", "earlier fits\n");
     }
     // A refusal: status 1, exactly "mixrank: <message>", and no file changed, created or removed (but
     // for the scaled copy, which may be written first).
@@ -40,7 +31,7 @@ struct UserDir : Workdir {
         auto before = snapshot();
         const Result r = finish(start(MIXRANK_BINARY, args, typed, {}, file_limit));
         auto after = snapshot();
-        before.erase("pts.dat.std"), after.erase("pts.dat.std");
+        before.erase("iris.dat.std"), after.erase("iris.dat.std");
         EXPECT_EQ(r.status, 1) << message;
         EXPECT_EQ(r.err, "mixrank: " + message + "\n");
         EXPECT_EQ(after, before) << message;
@@ -54,17 +45,14 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
 {
     UserDir w;
     ASSERT_EQ(::mkfifo(w.file("fifo.dat").c_str(), 0644), 0);  // no writer: read at once as empty, never waited for
-    w.write("link.dat", make_data());
+    w.write("link.dat", w.read("iris.dat"));
     ASSERT_EQ(::symlink("link.dat", w.file("link.unequal.risk").c_str()), 0);  // the report's name leads to the data
     const std::string finite = "is not a finite number (text, nan, inf, or the file ends early)", clash = "; choose other names (nothing was written)",
                       bad = "of the data file 'bad.dat' ", limit = "; the matrix library holds at most 2147483647 numbers in one matrix",
                       longline = std::string(200, '1') + "\n1 2\n";
-    struct Case {
-        const char* data;  // unless null, written to bad.dat, which the run reads
-        Args more;         // added to the options of a fit, unless answers are typed to mixrank -e
-        std::string typed, message;
-    };
-    const std::vector<Case> cases = {
+    // data written to bad.dat (which the run then reads) unless null, options added to those of a fit
+    // (unless answers are typed to mixrank -e), typed answers, the message
+    const std::vector<std::tuple<const char*, Args, std::string, std::string>> cases = {
         {nullptr, {"-g"}, "", "option -g needs a value"},
         {nullptr, {"-g", "many"}, "", "the number of components given with -g must be at least 1; got 0"},
         {nullptr, {"-u", "-g", "21"}, "", "option -g asks for 21 components, but the unequal variance model holds at most 20"},
@@ -74,17 +62,15 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         {nullptr, {"-r", "-1"}, "", "the number of random starts given with -r must not be negative; got -1"},
         {nullptr, {"-n", "-3", "-d", "2"}, "", "the number of observations given with -n must not be negative; got -3"},
         {nullptr, {"-n", "30", "-d", "-2"}, "", "the dimension given with -d must not be negative; got -2"},
-        {nullptr, {"-g", "30"}, "", "the K-means starts cannot split 30 observations into 30 groups: ask for fewer components than "
+        {nullptr, {"-g", "150"}, "", "the K-means starts cannot split 150 observations into 150 groups: ask for fewer components than "
                                     "observations, or for no K-means starts"},
         {nullptr, {"-h", "1e300"}, "", "the kernel with tuning parameter h = 1e+300 gives no usable degrees of freedom (Sdof -nan); choose another h"},
-        {nullptr, {}, "3 pts.dat 0 0 0 1", "the tuning parameter h typed in the dialogue must be a positive number; got 0"},
-        {nullptr, {}, "3 pts.dat 0 0 0.5 1 0", "the number of components typed in the dialogue must be at least 1; got 0"},
-        {nullptr, {}, "3 pts.dat 0 0 0.5 1 2 N keep.param 2 -4", "the number of K-means starts typed in the dialogue must not be negative; got -4"},
-        {nullptr, {"-n", "31", "-d", "2"}, "", "row 31, column 1 of the data file 'pts.dat' " + finite},
+        {nullptr, {}, "3 iris.dat 0 0 0 1", "the tuning parameter h typed in the dialogue must be a positive number; got 0"},
+        {nullptr, {}, "3 iris.dat 0 0 0.5 1 0", "the number of components typed in the dialogue must be at least 1; got 0"},
+        {nullptr, {"-n", "151", "-d", "4"}, "", "row 151, column 1 of the data file 'iris.dat' " + finite},
         {"1 2\n3 4\n", {}, "", "the data file 'bad.dat' gives 2 observation(s); mixrank needs at least 3 observations"},
         {"1 5\n2 5\n3 5\n4 5\n", {}, "", "column 2 " + bad + "is constant (variance 0) and cannot be scaled"},
         {"1 2\n3 nan\n5 6\n7 8\n", {}, "", "row 2, column 2 " + bad + finite},
-        {"1 2\ninf 4\n5 6\n7 8\n", {}, "", "row 2, column 1 " + bad + finite},
         {"1 2 \r\n3 4 \r\n5 6 \r\n", {}, "", "row 3, column 1 " + bad + finite},  // a CR after a blank is a token
         {"1 2\n3 1e200\n5 6\n7 8\n", {}, "", "column 2 " + bad + "cannot be scaled: its variance is -nan (values too large or too close together)"},
         {"\n\n\n", {}, "", "the data file 'bad.dat' holds no numbers"},
@@ -99,9 +85,9 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         {"1 2+3\n3 4\n5 6\n7 8\n", {}, "", "row 1, column 2 " + bad + "is not a number: '2+3'"},
         {"1 2\n3 4\n5 3..5\n7 8\n", {}, "", "row 3, column 2 " + bad + "is not a number: '3..5'"},
         // names that would overwrite one another, compared by identity
-        {nullptr, {"-p", "pts.dat"}, "", "the parameter file 'pts.dat' to be written is the data file" + clash},
-        {nullptr, {"-3", "-p", "./pts.dat.std"}, "", "the parameter file './pts.dat.std' to be written is the scaled data copy 'pts.dat.std'" + clash},
-        {nullptr, {"-1", "-g", "2", "-p", "pts.equal.risk"}, "", "the report 'pts.equal.risk' would replace the parameter file 'pts.equal.risk'" + clash},
+        {nullptr, {"-p", "iris.dat"}, "", "the parameter file 'iris.dat' to be written is the data file" + clash},
+        {nullptr, {"-3", "-p", "./iris.dat.std"}, "", "the parameter file './iris.dat.std' to be written is the scaled data copy 'iris.dat.std'" + clash},
+        {nullptr, {"-1", "-g", "2", "-p", "iris.equal.risk"}, "", "the report 'iris.equal.risk' would replace the parameter file 'iris.equal.risk'" + clash},
         {nullptr, {"-1", "-g", "2", "-i", "link.dat", "-u"}, "", "the report 'link.unequal.risk' would replace the data file" + clash},
         {nullptr, {"-1", "-g", "2", "-p", "sample.out"}, "", "the parameter file 'sample.out' is removed at the end of every run" + clash},
         {nullptr, {"-p", "nodir/x.param"}, "", "cannot create the parameter file 'nodir/x.param': No such file or directory"},
@@ -110,33 +96,33 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         {nullptr, {"-n", "65536", "-d", "65537"}, "", "the data matrix of 65536 x 65537 numbers would need 34.4 GB" + limit},
         {nullptr, {"-n", "110000000", "-d", "2", "-g", "6"}, "", "the score matrix of the model with 6 components of 110000000 x 21 numbers would need 18.5 GB" + limit},
     };
-    for (const Case& c : cases) {
-        if (c.data) w.write("bad.dat", c.data);
-        w.refused(!c.typed.empty() ? Args{"-e"} : with(kFit, with(c.data ? Args{"-i", "bad.dat"} : Args{}, c.more)), c.message, c.typed);
+    for (const auto& [data, more, typed, message] : cases) {
+        if (data) w.write("bad.dat", data);
+        w.refused(!typed.empty() ? Args{"-e"} : with(kFit, with(data ? Args{"-i", "bad.dat"} : Args{}, more)), message, typed);
     }
     // A write that fails part way (the file size limit): no table, the old file kept.
-    const Result full = w.refused(with(kFit, {"-g", "6", "-k", "0", "-r", "0"}), "cannot write the parameter file 'keep.param': File too large", "", 1000);
+    const Result full = w.refused(with(kFit, {"-g", "20", "-k", "0", "-r", "0"}), "cannot write the parameter file 'keep.param': File too large", "", 8000);
     EXPECT_EQ(full.out.find("No.of.Param"), std::string::npos);
-    ::unlink(w.file("pts.dat.std").c_str());
-    ASSERT_EQ(::mkdir(w.file("pts.dat.std").c_str(), 0755), 0);  // the scaled copy cannot be written: no estimation
-    w.refused(kFit, "cannot write the scaled data copy 'pts.dat.std'");
+    ::unlink(w.file("iris.dat.std").c_str());
+    ASSERT_EQ(::mkdir(w.file("iris.dat.std").c_str(), 0755), 0);  // the scaled copy cannot be written: no estimation
+    w.refused(kFit, "cannot write the scaled data copy 'iris.dat.std'");
 }
 
 TEST(BadInput, AMissingParameterFileWarnsAndASingularOneStopsTheRun)
 {
     UserDir w;
     ASSERT_EQ(::mkfifo(w.file("fifo.param").c_str(), 0644), 0);  // no writer: an empty file at once, not a wait
-    for (const std::string name : {"absent.param", "fifo.param"}) {  // one warning, status 0, the models not read show nan
-        const Result r = w.run(with(kScore, {"-p", name}));
+    for (const std::string name : {"absent.param", "fifo.param"}) {  // one warning, status 0, the model not read shows nan
+        const Result r = w.run({"-e", "-1", "-g", "1", "-i", "iris.dat", "-p", name});
         EXPECT_EQ(r.status, 0) << name;
         EXPECT_EQ(r.err, "mixrank: parameter file " + name + " is missing, too short or not numeric: reading stopped in the model with 1 "
                          "component(s); the models from there on show nan\n");
-        EXPECT_TRUE(std::isnan(numbers(lines(w.read("pts.equal.risk")).at(2)).at(1))) << name;
+        EXPECT_TRUE(std::isnan(numbers(lines(w.read("iris.equal.risk")).at(1)).at(1))) << name;
     }
-    const std::string report = w.read("pts.equal.risk");
-    w.write("sing.param", "1.0 1.0 \n0.0 \n0.0 0.0 \n1.0 \n");  // the matrix library fails: its message, status 1, no report
-    const Result sing = w.run(with(kScore, {"-g", "1", "-p", "sing.param"}));
+    const std::string report = w.read("iris.equal.risk");
+    w.write("sing.param", "0 0 0 0\n1\n1 1\n1 1 1\n1 1 1 1\n1\n");  // the matrix library fails: its message, status 1, no report
+    const Result sing = w.run({"-e", "-1", "-g", "1", "-i", "iris.dat", "-p", "sing.param"});
     EXPECT_EQ(sing.status, 1);
     EXPECT_NE(sing.out.find("Runtime error:- detected by Newmat: matrix is singular\n"), std::string::npos) << sing.out;
-    EXPECT_EQ(w.read("pts.equal.risk"), report);
+    EXPECT_EQ(w.read("iris.equal.risk"), report);
 }

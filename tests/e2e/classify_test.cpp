@@ -1,6 +1,6 @@
-// The README's worked example from end to end (the iris fit, its table on the screen and in the
-// report, the stored models scored again, the chosen model's labels), mixrank-classify's refusals,
-// a small model whose every number is known, and classification pictures.
+// The README's worked example from end to end (the iris fit, its table, the stored models scored
+// again, the chosen model's labels), mixrank-classify's refusals, a small model whose every number
+// is known, and classification pictures.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,8 +13,7 @@ using namespace e2e;
 
 namespace {
 
-// The README's text block that begins with first, and a screen without its bold escapes, which the
-// README leaves out.
+// The README's text block that begins with first, and a screen without the bold the README leaves out.
 std::string readme_block(const std::string& first)
 {
     const std::string readme = read_file(MIXRANK_EXAMPLES "/../README.md");
@@ -31,7 +30,7 @@ std::string plain(std::string screen)
 
 }  // namespace
 
-TEST(IrisExample, TableReportAndLabelsAsTheReadmeShowsThem)
+TEST(IrisExample, TableAndLabelsAsTheReadmeShowsThem)
 {
     Workdir w;
     w.write("iris.dat", read_file(MIXRANK_EXAMPLES "/iris.dat"));
@@ -39,25 +38,8 @@ TEST(IrisExample, TableReportAndLabelsAsTheReadmeShowsThem)
     ASSERT_EQ(fit.status, 0) << fit.err;
     const std::string table = readme_block("Empirical Sdof =25.8556\n");
     ASSERT_EQ(lines(table).size(), 12u);
-    size_t at = fit.out.find("Risk Calculation Started\n");
-    for (int g = 1; g <= 6; ++g) at = fit.out.find("Risk Calculation for \x1b[1m " + std::to_string(g) + "\x1b[m component model done", at);
-    EXPECT_NE(at, std::string::npos) << fit.out;
     EXPECT_NE(plain(fit.out).find("\n\n\n\n" + table), std::string::npos) << fit.out;
     EXPECT_NE(plain(w.run({"-equal", "-1", "-g", "6", "-i", "iris.dat", "-p", "iris.param"}).out).find(table), std::string::npos);  // scored again
-    // The report: the heading, then per model ten numbers 14 wide with eight decimals and a blank, the
-    // screen's nine and Sdof to within their rounding.
-    const Args report = lines(w.read("iris.equal.risk")), screen = lines(table);
-    ASSERT_EQ(report.size(), 7u);
-    EXPECT_EQ(report[0], "  No.of.Param        DISTANCE            MLF             EE           QAIC           QBIC"
-                         "     Likelihood            AIC            BIC           SDOF\x1b[m");
-    for (int g = 1; g <= 6; ++g) {
-        const std::vector<double> r = numbers(report[g]), s = numbers(screen[4 + g] + " 25.8556");
-        EXPECT_EQ(report[g].size(), 150u) << report[g];
-        for (int c = 0; c < 10; ++c) {
-            EXPECT_NEAR(r.at(c), s[c], 0.005 + 1e-9) << report[g];
-            EXPECT_EQ(report[g].substr(15 * c + 5, 1) + report[g][15 * c + 14], ". ") << report[g];
-        }
-    }
     // The four-component model labels the flowers: setosa (line 1) in component 3, line 117 between two.
     const Result r = w.run_program(MIXRANK_CLASSIFY_BINARY, {"-e", "-g", "4", "-i", "iris.dat", "-p", "iris.param"});
     ASSERT_EQ(r.status, 0) << r.err;
@@ -74,10 +56,9 @@ TEST(Classify, RefusalsWriteNothingAndAKnownModelClassifiesExactly)
     Workdir w;
     // d = 1. Components 1-3 are one normal at 0; 4 sits at 20 / 18.126723 (20 over the data's
     // standard deviation); 5 has proportion 0. Blocks g = 1..4 are only read past: 30 numbers.
-    w.write("c.dat", "0.1\n-0.1\n0\n19.9\n20\n20.1\n-30\n");
-    w.write("c.param", "1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 \n0 \n0.0001 \n0 \n0.0001 \n0 \n0.0001 \n1.103343 \n0.0001 \n0 \n0.0001 \n0.25 0.25 0.25 0.25 0 \n");
-    w.write("c.equal.g5.class", "an earlier classification\n");
     for (const auto& [name, text] : std::map<std::string, std::string>{
+             {"c.dat", "0.1\n-0.1\n0\n19.9\n20\n20.1\n-30\n"}, {"c.equal.g5.class", "an earlier classification\n"},
+             {"c.param", "1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 \n0 \n0.0001 \n0 \n0.0001 \n0 \n0.0001 \n1.103343 \n0.0001 \n0 \n0.0001 \n0.25 0.25 0.25 0.25 0 \n"},
              {"rag.dat", "1 2\n3\n4 5\n"}, {"const.dat", "1 2\n2 2\n3 2\n"}, {"link.dat", "1\n2\n4\n"}, {"three.dat", "1 2 3\n2 1 4\n3 5 1\n4 2 2\n"},
              {"indef.param", "0 0 0 1 0.5 1 0.5 -1 2 1\n"}, {"near.param", "0 0 0 1e-13 0 1e-13 0 0 1 1\n"},
              {"sing.param", "0 0 1\n"}, {"neg.param", "0 1 1\n0 1 5 1 1.5 -0.5\n"}, {"sum.param", "0 1 0.9\n"},
@@ -108,7 +89,6 @@ TEST(Classify, RefusalsWriteNothingAndAKnownModelClassifiesExactly)
         {with(base, {"-i", "link.dat"}), "the classification file link.equal.g5.class would replace the input file link.dat"},
         {with(base, {"-u", "-g", "21"}), "option -g asks for 21 components, but the unequal variance model holds at most 20"},
         {with(base, {"-g", "0"}), "the number of components given with -g must be a whole number of at least 1; got 0"},
-        {with(base, {"-d", "-2"}), "the dimension given with -d must be a whole number, not negative; got -2"},
         {with(base, {"-g"}), "option -g needs a value"},
         {with(base, {"-s", "1"}), "unknown option -s; see mixrank-classify -h"},
         {with(base, {"c.dat"}), "unexpected argument 'c.dat'; see mixrank-classify -h"},
@@ -132,35 +112,30 @@ TEST(Classify, RefusalsWriteNothingAndAKnownModelClassifiesExactly)
     const Result r = w.run_program(MIXRANK_CLASSIFY_BINARY, base);
     ASSERT_EQ(r.status, 0) << r.err;
     const std::string rule = std::string(73, '_') + "\n";
-    EXPECT_EQ(r.out, "Looking at  the datafile 'c.dat' I think that n=7 and dimension= 1\n\n"
-                     "Read  7  data points of dimension  1 from file:c.dat\n"
-                     "The 5-component model from c.param (common covariance)\n" + rule +
-                     "\x1b[1mComponent  Observations  Proportion  Mean uncertainty   Mean (data units)\x1b[m\n" + rule +
-                     "        1             4    0.250000          0.666667     0.000000\n"
-                     "        2             0    0.250000               nan     0.000000\n"
-                     "        3             0    0.250000               nan     0.000000\n"
-                     "        4             3    0.250000          0.000000    19.999993\n"
-                     "        5             0    0.000000               nan     0.000000\n" + rule +
-                     "Observations with uncertainty above 0.5: 3 of 7\n"
-                     "Observations so far from every component that every weight is 0 (label 1, probabilities nan): 1\n"
-                     "Labels and posterior probabilities written to c.equal.g5.class\n");
-    const std::string tie = " 1.000000 0.333333 0.333333 0.333333 0.000000 0.000000 0.666667 \n";
-    const std::string four = " 4.000000 0.000000 0.000000 0.000000 1.000000 0.000000 0.000000 \n";
-    EXPECT_EQ(w.read("c.equal.g5.class"), "0.100000" + tie + "-0.100000" + tie + "0.000000" + tie + "19.900000" + four +
-                                              "20.000000" + four + "20.100000" + four +
-                                              "-30.000000 1.000000 nan nan nan nan nan nan \n");
+    EXPECT_NE(r.out.find("The 5-component model from c.param (common covariance)\n" + rule +
+                         "\x1b[1mComponent  Observations  Proportion  Mean uncertainty   Mean (data units)\x1b[m\n" + rule +
+                         "        1             4    0.250000          0.666667     0.000000\n"
+                         "        2             0    0.250000               nan     0.000000\n"
+                         "        3             0    0.250000               nan     0.000000\n"
+                         "        4             3    0.250000          0.000000    19.999993\n"
+                         "        5             0    0.000000               nan     0.000000\n" + rule +
+                         "Observations with uncertainty above 0.5: 3 of 7\n"
+                         "Observations so far from every component that every weight is 0 (label 1, probabilities nan): 1\n"
+                         "Labels and posterior probabilities written to c.equal.g5.class\n"), std::string::npos) << r.out;
+    const Args file = lines(w.read("c.equal.g5.class"));
+    ASSERT_EQ(file.size(), 7u);
+    EXPECT_EQ(file[0], "0.100000 1.000000 0.333333 0.333333 0.333333 0.000000 0.000000 0.666667 ");
+    EXPECT_EQ(file[6], "-30.000000 1.000000 nan nan nan nan nan nan ");
 }
 
 TEST(PlotClasses, DrawsEveryLayout)
 {
     // d = 1, 2 and 5 (of which four columns are drawn); a tie and an observation no component weighs.
-    const std::vector<std::pair<std::string, Args>> files = {
-        {"1.5 1 0.8 0.2 0.2 \n4 2 0.1 0.9 0.1 \n2.5 2 0.4 0.6 0.4 \n", {"column 1", "2 components", "uncertainty > 0.5 (0)"}},
-        {"1 2 1 0.9 0.1 0.1 \n3 1 2 0.3 0.7 0.3 \n2 2 1 0.5 0.5 0.5 \n9 9 1 nan nan nan \n", {"column 2", "4 observations, 2 components", "uncertainty > 0.5 (1)"}},
-        {"1 2 3 4 5 1 1 0 \n2 3 1 5 4 1 1 0 \n0 1 2 2 9 1 1 0 \n", {"column 4", "the first 4 of 5 columns", "component 1"}},
-    };
     if (Workdir().run_program("gnuplot", {"--version"}).status != 0) GTEST_SKIP() << "gnuplot is not installed; no picture was drawn";
-    for (const auto& [text, labels] : files) {
+    for (const auto& [text, labels] : std::vector<std::pair<std::string, Args>>{
+             {"1.5 1 0.8 0.2 0.2 \n4 2 0.1 0.9 0.1 \n2.5 2 0.4 0.6 0.4 \n", {"column 1", "2 components", "uncertainty > 0.5 (0)"}},
+             {"1 2 1 0.9 0.1 0.1 \n3 1 2 0.3 0.7 0.3 \n2 2 1 0.5 0.5 0.5 \n9 9 1 nan nan nan \n", {"column 2", "4 observations, 2 components", "uncertainty > 0.5 (1)"}},
+             {"1 2 3 4 5 1 1 0 \n2 3 1 5 4 1 1 0 \n0 1 2 2 9 1 1 0 \n", {"column 4", "the first 4 of 5 columns", "component 1"}}}) {
         Workdir w;
         w.write("x.g2.class", text);
         const Result png = w.run_program(MIXRANK_PLOT_BINARY, {"x.g2.class"});

@@ -1,5 +1,5 @@
-// The run as a whole: exit statuses, the three parameter sources, the files a run leaves behind,
-// the interactive dialogue, and the same results for any number of worker threads.
+// The run as a whole: exit statuses, the own and the external estimator and the files they leave,
+// and the same results for any number of worker threads.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -9,21 +9,7 @@
 
 using namespace e2e;
 
-namespace {
-
 const std::string kRule64(64, '_'), kIris = read_file(MIXRANK_EXAMPLES "/iris.dat");
-
-// Expects the pieces to occur in out in this order.
-void expect_in_order(const std::string& out, const Args& pieces)
-{
-    size_t at = 0;
-    for (const auto& p : pieces) {
-        ASSERT_NE(out.find(p, at), std::string::npos) << "missing after offset " << at << ": [" << p << "]\n" << out;
-        at = out.find(p, at) + p.size();
-    }
-}
-
-}  // namespace
 
 TEST(ExitStatus, HelpUnopenableAndNonRectangularDataEndTheRunEarlyAndWriteNothing)
 {
@@ -32,15 +18,13 @@ TEST(ExitStatus, HelpUnopenableAndNonRectangularDataEndTheRunEarlyAndWriteNothin
     ASSERT_EQ(::mkdir(w.file("dir.dat").c_str(), 0755), 0);
     const std::string usage = " OPTIONS:\t\t\t\t\t\t\t\t\t \n";  // the first of the usage text's 28 lines
     for (const auto& [args, status, text] : std::vector<std::tuple<Args, int, std::string>>{
-             {{}, 1, usage}, {{"-h"}, 1, usage}, {{"--help"}, 1, usage}, {{"-help", "x"}, 1, usage},
-             {{"-e", "-i", "nope.dat"}, 1, "Error opening file nope.dat!\n"}, {{"-e", "-i", "dir.dat"}, 1, "Error opening file dir.dat!\n"},
-             {{"-e", "-i", "bad.dat"}, 0, "\n\n  ERROR : file is not a rectangular one!!!\n\n"}}) {
-        const auto before = w.snapshot();
+             {{}, 1, usage}, {{"--help"}, 1, usage}, {{"-i", "nope.dat"}, 1, "Error opening file nope.dat!\n"},
+             {{"-i", "dir.dat"}, 1, "Error opening file dir.dat!\n"}, {{"-i", "bad.dat"}, 0, "\n\n  ERROR : file is not a rectangular one!!!\n\n"}}) {
         const Result r = w.run(args);
         EXPECT_EQ(r.status, status) << text;
         EXPECT_NE(r.out.find(text), std::string::npos) << r.out;
         EXPECT_EQ(lines(r.out).size() == 28, text == usage) << r.out;
-        EXPECT_EQ(w.snapshot(), before);
+        EXPECT_EQ(w.snapshot().size(), 2u);  // no file created
     }
 }
 
@@ -50,10 +34,6 @@ TEST(OwnEstimator, FitsWritesTheScaledCopyAndTheParameterFileThenScoresThemAgain
     w.write("t.dat", "1 4\n2 2\n3 6\n");  // standard deviations 1 and 2
     const Result r = w.run({"-equal", "-2", "-g", "1", "-k", "0", "-r", "0", "-i", "t.dat", "-p", "t.param", "-s", "5"});
     ASSERT_EQ(r.status, 0) << r.out << r.err;
-    expect_in_order(r.out, {"Read  3  data points of dimension  2 from file:t.dat\n", " Estimating Parameters and putting it in t.param for "
-                            "equal variance setup\n", " Estimating Parameters for 1 components model ....\n", kRule64 + "\nFINISHED USING "
-                            "EMSR  (parameters stored in)   t.param\n" + kRule64 + "\n", "Risk Calculation Started\n"});
-    EXPECT_EQ(r.out.find("EMMIX"), std::string::npos);
     const auto fitted = w.snapshot();  // the data, its scaled copy, the fit (mean and covariance, divisor n), the report
     EXPECT_EQ(fitted.size(), 4u);
     EXPECT_EQ(fitted.at("t.dat.std"), "1.000000 2.000000 \n2.000000 1.000000 \n3.000000 3.000000 \n");
@@ -73,8 +53,8 @@ TEST(ExternalEstimator, RunsTheProgramWithItsAnswerScriptAndCleansUp)
     const Result r = w.run(args, "", {"EMMIX_EXPECT=" + w.file("expect.txt")});
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_EQ(r.err, "");
-    expect_in_order(r.out, {"STARTED  EMMIX   (parameters stored in)   i.param\n", "emmix stand-in: fitting", kRule64 + "\nFINISHED USING "
-                            "EMMIX   (parameters stored in)   i.param\n" + kRule64 + "\n", "Risk Calculation Started\n"});
+    EXPECT_NE(r.out.find("STARTED  EMMIX   (parameters stored in)   i.param\nemmix stand-in: fitting\n" + kRule64 +
+                         "\nFINISHED USING EMMIX   (parameters stored in)   i.param\n" + kRule64 + "\nRisk Calculation Started\n"), std::string::npos) << r.out;
     const auto done = w.snapshot();  // no answer script, no sample.out
     EXPECT_EQ(done.size(), 6u);
     EXPECT_EQ(lines(done.at("i.param")).size(), 6u + 11 + 16);  // g (d + 1) + 1 lines for g = 1, 2, 3
@@ -91,20 +71,6 @@ TEST(ExternalEstimator, RunsTheProgramWithItsAnswerScriptAndCleansUp)
     }
 }
 
-TEST(Dialogue, AsksEveryQuestionInOrder)
-{
-    Workdir w;
-    w.write("iris.dat", kIris);
-    const Result r = w.run({"-unequal"}, "7\niris.dat\n0\n0\n0.5\n99\n2\nn\nd.param\n1\n1\n");
-    expect_in_order(r.out, {"need parameterr input file \n\n\n\n\n", "GIVE seed:", "\nGive the name of the datafile:", "\nNo of obs:", "\nNo of dim:",
-                            "\nTuning h:", "dummy:obs :", "Read  150  data points", "\n\nMax no.  of components to be fitted:\n",
-                            "Do you want to get the estimates from a file [Y/N/C] :", "\nGive the name of the parameterfile to store the parameters "
-                            "or stored parameters:", "\nNo of Random Starts:", "\nNo of kmeans start:", " Estimating Parameters and putting it in "
-                            "d.paramfor unequal variance \n", "FINISHED USING EMSR"});
-    EXPECT_EQ(lines(w.read("d.param")).size(), 6u + 11);  // g (d + 1) + 1 lines for g = 1, 2
-    EXPECT_EQ(w.snapshot().count("iris.unequal.risk"), 1u);  // the model name comes from -unequal
-}
-
 TEST(Threads, OneOrThreeThreadsGiveTheSameFilesAndScreen)
 {
     for (const std::string model : {"-equal", "-unequal"}) {  // -equal: some starts of 4 and 5 groups are too small
@@ -117,10 +83,7 @@ TEST(Threads, OneOrThreeThreadsGiveTheSameFilesAndScreen)
             for (const std::string& line : lines(r.out))
                 if (line.find(" secs") == std::string::npos) seen[t] += line + "\n";  // the timing lines differ
             for (const auto& [name, text] : dir.snapshot()) seen[t] += "== " + name + "\n" + text;
-            // The models' free parameters: means, covariances (one, or one per component), proportions.
-            const Args report = lines(dir.read("iris." + model.substr(1) + ".risk"));
-            ASSERT_EQ(report.size(), 6u) << model;
-            for (int g = 1; g <= 5; ++g) EXPECT_EQ(numbers(report[g]).at(0), model == "-equal" ? 5 * g + 9 : 15 * g - 1) << model;
+            EXPECT_EQ(lines(dir.read("iris." + model.substr(1) + ".risk")).size(), 6u) << model;
         }
         EXPECT_EQ(seen[0], seen[1]) << model;
         EXPECT_EQ(seen[0].find("to small n") != std::string::npos, model == "-equal") << seen[0];

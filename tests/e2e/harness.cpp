@@ -25,7 +25,6 @@ Workdir::Workdir() : path_(std::string(std::getenv("TMPDIR") ? std::getenv("TMPD
 
 Workdir::~Workdir() { std::error_code ignored; fs::remove_all(path_, ignored); }  // a directory already gone is fine
 
-// Binary: CR LF stays as written.
 void Workdir::write(const std::string& name, const std::string& content) const { std::ofstream(file(name), std::ios::binary) << content; }
 
 std::string read_file(const std::string& path)
@@ -82,8 +81,7 @@ Started Workdir::start(const std::string& program, const Args& args, const std::
 Result Workdir::finish(const Started& run) const
 {
     int raw = 0;
-    while (::waitpid(run.pid, &raw, 0) < 0 && errno == EINTR) {
-    }
+    while (::waitpid(run.pid, &raw, 0) < 0 && errno == EINTR) continue;  // a signal to the tests is no end of the run
     const Result r{WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), read_file(run.out), read_file(run.err)};
     for (const std::string* f : {&run.in, &run.out, &run.err}) ::unlink(f->c_str());
     return r;

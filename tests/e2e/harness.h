@@ -28,7 +28,6 @@ public:
     ~Workdir();
     Workdir(const Workdir&) = delete;
     Workdir& operator=(const Workdir&) = delete;
-    const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
     void write(const std::string& name, const std::string& content) const;
     std::string read(const std::string& name) const;
