@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -11,38 +12,27 @@
 
 namespace io_scratch {
 
-// A fresh temporary directory, removed with its files at the end.
-struct ScratchDir {
+struct ScratchDir {  // a fresh temporary directory, removed with its files at the end
     ScratchDir() { if (!::mkdtemp(&path_[0])) throw std::runtime_error("mkdtemp failed"); }
-    ~ScratchDir() { (void)!std::system(("rm -rf '" + path_ + "'").c_str()); }
+    ~ScratchDir() { std::error_code ignored; std::filesystem::remove_all(path_, ignored); }
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
     std::string write(const std::string& name, const std::string& content) const
-    {
-        std::ofstream(file(name), std::ios::binary) << content;
-        return file(name);
-    }
+    { std::ofstream(file(name), std::ios::binary) << content; return file(name); }
     std::string read(const std::string& name) const
-    {
-        std::ostringstream s;
-        s << std::ifstream(file(name), std::ios::binary).rdbuf();
-        return s.str();
-    }
+    { std::ostringstream s; s << std::ifstream(file(name), std::ios::binary).rdbuf(); return s.str(); }
+    long entries() const { return std::distance(std::filesystem::directory_iterator(path_), {}); }
     std::string path_ = "/tmp/mixrank_unit_XXXXXX";
 };
 
-// Runs with the working directory changed, restoring it at the end.
-struct InDirectory {
+struct InDirectory {  // runs with the working directory changed, restoring it at the end
     explicit InDirectory(const std::string& dir)
-    {
-        if (!::getcwd(old, sizeof old) || ::chdir(dir.c_str()) != 0) throw std::runtime_error(dir);
-    }
+    { if (!::getcwd(old, sizeof old) || ::chdir(dir.c_str()) != 0) throw std::runtime_error(dir); }
     ~InDirectory() { (void)!::chdir(old); }
     char old[4096];
 };
 
-// Collects what is written to std::cout while it lives.
-struct CaptureStdout {
+struct CaptureStdout {  // collects what is written to std::cout while it lives
     ~CaptureStdout() { std::cout.rdbuf(old); }
     std::string text() const { return buffer.str(); }
     std::ostringstream buffer;

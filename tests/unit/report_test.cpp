@@ -1,26 +1,48 @@
+// The bytes of the files mixrank writes: the parameter file (read back as the risk step reads
+// it) and the report.
 #include <gtest/gtest.h>
-
-#include <algorithm>
-#include <limits>
-#include <sstream>
 
 #include "io_scratch.h"
 #include "risk/report.h"
+#include "risk_support.h"
 
-using namespace mixrank;
+using namespace risk_support;
 
-namespace {
+const auto text = [](const auto& record) { std::ostringstream out; out << record; return out.str(); };
 
-const double NaN = std::numeric_limits<double>::quiet_NaN();
+TEST(ParameterFile, BlocksInFixedNotationWithSixDecimalsReadBackUnderEitherRecordType)
+{
+    // d = 2 with a common covariance (its upper entry is never written); d = 1 per component.
+    const emstruct common{mat(2, 2, {5.006, 3.428, 6.262, 2.872}), mat(2, 2, {0.121765, 99.0, 0.09784, 0.140816}),
+                          mat(2, 1, {0.333333, 0.666667}), 0.0};
+    const emstructuneq per{mat(2, 1, {-1.5, 2.25}), {{}, {mat(1, 1, {1e-7})}, {mat(1, 1, {12345.6789})}},
+                           mat(2, 1, {0.25, 0.75}), 0.0};
+    const std::string common_text = "5.006000 3.428000 \n0.121765 \n0.097840 0.140816 \n"
+                                    "6.262000 2.872000 \n0.121765 \n0.097840 0.140816 \n0.333333 0.666667 \n";
+    const std::string per_text = "-1.500000 \n0.000000 \n2.250000 \n12345.678900 \n0.250000 0.750000 \n";
+    std::stringstream file;
+    file << common << per << 1e-7;  // the stream's own format is left as it was
+    EXPECT_EQ(file.str(), common_text + per_text + "1e-07");
+    file.str(common_text + per_text + common_text + per_text);
+    EXPECT_EQ(text(readparam_e(2, 2, file)), common_text);
+    EXPECT_EQ(text(readparam_u(2, 1, file)), per_text);
+    // The layouts are the same: a common block gives every component its
+    // covariance, and the common reader keeps the last component's.
+    const emstructuneq u = readparam_u(2, 2, file);
+    EXPECT_EQ(text(u), common_text);
+    EXPECT_EQ(u.sigma[1].comp(1, 2), 0.09784);
+    EXPECT_EQ(readparam_e(2, 1, file).sigma(1, 1), 12345.6789);
+    EXPECT_THROW(readparam_u(21, 1, file), RunError);  // a record holds at most 20 components
+}
 
 // Two rows of the table, the second with a NaN and very wide numbers.
-RiskTable small_table()
+static RiskTable small_table()
 {
-    const double rows[2][9] = {{5, 1.234, -0.5, 2.25, 1.75, 3.126, -120.456, 250.912, 263.94},
-                               {8, 12345.678, NaN, 0.004, -0.004, 123456789.5, 0, 0.001, 7}};
+    const Matrix rows = mat(2, 9, {5, 1.234, -0.5, 2.25, 1.75, 3.126, -120.456, 250.912, 263.94,
+                                   8, 12345.678, NAN, 0.004, -0.004, 123456789.5, 0, 0.001, 7});
     RiskTable t;
     ColumnVector* columns[] = {&t.nparam, &t.DIST, &t.MLF, &t.EE, &t.RISK, &t.RISKB, &t.LL, &t.AIC, &t.BIC};
-    for (int c = 0; c < 9; ++c) { columns[c]->ReSize(2); *columns[c] << rows[0][c] << rows[1][c]; }
+    for (int c = 0; c < 9; ++c) *columns[c] = rows.Column(c + 1);
     return t;
 }
 
@@ -39,25 +61,6 @@ const std::string kFile =
     "    8.00000000 12345.67800000            nan     0.00400000    -0.00400000 123456789.50000000 "
     "    0.00000000     0.00100000     7.00000000     7.50000000 \n";
 
-// The report file's name, followed by what was printed while finding it.
-std::string file_name(const std::string& datafile, const std::string& method)
-{
-    std::ostringstream out;
-    const std::string name = report_file_name(datafile, method, out);
-    return name + " " + out.str();
-}
-
-}  // namespace
-
-TEST(ReportFileName, CutAtTheFirstDatAfterTheStart)
-{
-    EXPECT_EQ(file_name("sample.dat", "equal"), "sample.equal.risk ...........6");
-    EXPECT_EQ(file_name("iris.dat", ""), "iris..risk ...........4");
-    EXPECT_EQ(file_name("my.data.dat", "unequal"), "my.unequal.risk ...........2");
-    EXPECT_EQ(file_name("points.txt", "equal"), "points.txt.equal.risk ");
-    EXPECT_EQ(file_name(".dat", "equal"), ".dat.equal.risk ");
-}
-
 TEST(Report, ScreenTableAndFileBytes)
 {
     const io_scratch::ScratchDir dir;
@@ -68,16 +71,4 @@ TEST(Report, ScreenTableAndFileBytes)
     EXPECT_EQ(out.str(), kScreen + "...........3");
     EXPECT_EQ(dir.read("tab.equal.risk"), kFile);
     EXPECT_EQ(out.precision(), 2);  // the table's precision stays set on the stream
-}
-
-TEST(Report, UncreatableFileIsReportedAndTheScreenTableStays)
-{
-    std::ostringstream out;
-    testing::internal::CaptureStderr();
-    const std::string name = report(small_table(), 7.5, 2, "/nonexistent-dir/tab.dat", "equal", out);
-    const std::string warning = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(name, "/nonexistent-dir/tab.equal.risk");
-    EXPECT_EQ(out.str(), kScreen + "...........20");
-    EXPECT_NE(warning.find("/nonexistent-dir/tab.equal.risk"), std::string::npos);
-    EXPECT_EQ(std::count(warning.begin(), warning.end(), '\n'), 1);
 }

@@ -1,16 +1,26 @@
-// Test helpers of the risk step and the plain forms it is checked against.
+// Test helpers for matrices, the risk step and the plain whole-matrix forms it is checked against.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
 #include "common/settings.h"
+#include "io/param_file.h"
 #include "mixture/density.h"
 #include "risk/kernel.h"
 
 namespace risk_support {
 
 using namespace mixrank;
+
+// A rows x cols matrix holding the values row by row.
+inline Matrix mat(int rows, int cols, std::initializer_list<double> values)
+{
+    Matrix m(rows, cols);
+    std::copy(values.begin(), values.end(), m.Store());
+    return m;
+}
 
 // Sets obs, dim and h for one test and restores them afterwards.
 struct Settings {
@@ -30,15 +40,18 @@ struct Numbers {
             for (int j = 1; j <= d; ++j) x(i, j) = spread * erand48(state) + (i % groups) * gap;
         return x;
     }
-    // A random symmetric positive definite d x d matrix.
-    Matrix spd(int d) { const Matrix a = points(d, d, 1.0) - 0.5; return a * a.t() + 0.3 * IdentityMatrix(d); }
-    // One g-component fit in both record types (the common covariance is component 1's).
-    void fits(int g, int d, emstruct& common, emstructuneq& per)
+    // Parameter files of the models g = 1..G, one per component covariance and one with every
+    // model's first covariance in common: random means and covariances, proportions 2, 3, ...
+    void models(int G, int d, std::ostream& common, std::ostream& per)
     {
-        per.mu = points(g, d, 3.0);
-        per.pi.ReSize(g);
-        for (int k = 1; k <= g; ++k) per.pi(k) = (1.0 + k) / (g * (g + 3) / 2.0), per.sigma[k].comp = spd(d);
-        common.mu = per.mu, common.pi = per.pi, common.sigma = per.sigma[1].comp;
+        for (int g = 1; g <= G; ++g) {
+            emstructuneq u{points(g, d, 3.0), {}, ColumnVector(g), 0.0};
+            for (int k = 1; k <= g; ++k) {
+                const Matrix a = points(d, d, 1.0) - 0.5;
+                u.pi(k) = (1.0 + k) / (g * (g + 3) / 2.0), u.sigma[k].comp = a * a.t() + 0.3 * IdentityMatrix(d);
+            }
+            common << emstruct{u.mu, u.sigma[1].comp, u.pi, 0.0}, per << u;
+        }
     }
     unsigned short state[3];
 };
@@ -68,24 +81,20 @@ inline Matrix literal_centred(const Matrix& k)
     return c;
 }
 
-// The distance term by term over the full kernel matrix, inverting afresh for every (i, k).
+// The distance as the mean over all pairs (i, j) of K(x_i, x_j) - kx(i) - kx(j) + kk, with the
+// covariances inverted afresh for every term.
 template <class Record>
 double literal_distance(const Matrix& x, const Record& fit)
 {
     const int n = x.Nrows(), g = fit.mu.Nrows();
     const Matrix sig = h * h * IdentityMatrix(x.Ncols());
     auto cov = [&](int k) -> const Matrix& { return component_covariance(fit, k); };
-    const Matrix knew = literal_kernel(x);
-    double kk = 0.0, sum = 0.0;
-    ColumnVector kx(n);
-    kx = 0.0;
+    double kk = 0.0, kx = 0.0;  // kx: the sum over i
     for (int k = 1; k <= g; ++k) {
         for (int l = 1; l <= g; ++l) kk += fit.pi(k) * fit.pi(l) * MVNpdf(fit.mu.Row(k), fit.mu.Row(l), (cov(k) + cov(l) + sig).i());
-        for (int i = 1; i <= n; ++i) kx(i) += fit.pi(k) * MVNpdf(x.Row(i), fit.mu.Row(k), (cov(k) + sig).i());
+        for (int i = 1; i <= n; ++i) kx += fit.pi(k) * MVNpdf(x.Row(i), fit.mu.Row(k), (cov(k) + sig).i());
     }
-    for (int i = 1; i <= n; ++i)
-        for (int j = 1; j <= n; ++j) sum += knew(i, j) - kx(i) - kx(j) + kk;
-    return sum / (n * n);
+    return literal_kernel(x).Sum() / (double(n) * n) - 2.0 * kx / n + kk;
 }
 
 // P = M (M'M)^-1 M', formed explicitly.
