@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "common/parallel.h"
 #include "common/settings.h"
 #include "io_scratch.h"
 #include "mixture/density.h"
@@ -18,16 +20,11 @@ Matrix filled(int rows, int cols, double v) { Matrix m(rows, cols); m = v; retur
 std::vector<double> values(const Matrix& m) { return {m.Store(), m.Store() + m.Nrows() * m.Ncols()}; }
 Matrix outer(const RowVector& r) { return r.t() * r; }
 
-// The algorithm written out plainly, one MVNpdf call per observation and component.
-// Summing and scaling in the same order, the fits must equal it bit for bit.
+// The algorithm plainly, one MVNpdf call per observation and component; the fits must equal it bit for bit.
 enum Cov { common, component, deviation };
 
-struct Literal {
-    Matrix mu;
-    std::vector<Matrix> sigma;  // [0] common, [1..K] per component
-    ColumnVector pi, nk;
-    double loglik = 0.0, last_temp = 0.0;  // l_i; the last observation's mixture density
-    int passes = 0;
+struct Literal {  // sigma: [0] common, [1..K] per component; last_temp: the last observation's mixture density
+    Matrix mu; std::vector<Matrix> sigma; ColumnVector pi, nk; double loglik = 0.0, last_temp = 0.0; int passes = 0;
 };
 
 // Passes from the parameters in f; the size guard applies unless cov is deviation.
@@ -86,15 +83,15 @@ void matches(const Fit& got, const Literal& want, Cov cov)
     EXPECT_EQ(got.loglik, cov == deviation ? std::log(want.last_temp) : want.loglik);
 }
 
-// n1 points labelled 1 around the origin, then n2 labelled 2 around (shift, ..., shift), in p
-// dimensions; kinds: how em and emunequal end, s(tart too small), a(bandoned), c(onverged), l(imit).
+// n1 points labelled 1 around the origin, then n2 labelled 2 around (shift, ..., shift), in p dimensions.
+// kinds: how em and emunequal end, s(tart too small), a(bandoned), c(onverged), l(imit).
 struct Case { int n1, n2; double shift, phase; std::string kinds; int p = 3; };
 
-const std::vector<Case> kCases = {
+const std::vector<Case> kCases = {  // p = 5, 6: row squares of 16 and 22 packed entries, mean rows of 6 and 8
     {10, 3, 5.0, 0.0, "ss"},   {20, 4, 40.0, 0.4, "al"},  // a group of exactly 4 passes the guard
     {25, 5, 1.0, 0.4, "ca"},   {40, 5, 1.0, 0.0, "cc"},
     {10, 0, 0.0, 0.2, "cc"},   {10, 0, 0.0, 0.0, "ll"},  // settled after a pass: c_i infinite or 0/0
-    {150, 61, 3.0, 0.1, "cc", 2}, {97, 70, 2.0, 0.5, "cc", 5},  // several blocks of observations, odd triangles
+    {150, 61, 3.0, 0.1, "cc", 2}, {97, 70, 2.0, 0.5, "cc", 5}, {97, 70, 2.0, 0.5, "cc", 6},  // blocks of rows
 };
 
 Matrix clusters(const Case& c, ColumnVector& grp)
@@ -103,7 +100,8 @@ Matrix clusters(const Case& c, ColumnVector& grp)
     grp.ReSize(x.Nrows());
     for (int i = 1; i <= x.Nrows(); ++i) {
         grp(i) = i > c.n1 ? 2 : 1;
-        for (int j = 1; j <= c.p; ++j) x(i, j) = (grp(i) - 1) * c.shift + 1.7 * std::sin(i * i * (0.3 + 0.1 * j) + c.phase);
+        for (int j = 1; j <= c.p; ++j)
+            x(i, j) = (i > c.n1) * c.shift + 1.7 * std::sin(i * i * (0.3 + 0.1 * j) + c.phase);
     }
     return x;
 }
@@ -112,6 +110,7 @@ char kind(const Literal& f) { return f.passes == 0 ? 's' : f.loglik == -9e+100 ?
 
 }  // namespace
 
+// Both covariance models from every kind of start; the log-likelihood of a converged per-component fit.
 TEST(Em, FitsEqualTheLiteralAlgorithmFromEveryKindOfStart)
 {
     for (const Case& c : kCases) {
@@ -124,26 +123,36 @@ TEST(Em, FitsEqualTheLiteralAlgorithmFromEveryKindOfStart)
         if (a.loglik == -9e+100) report << "\n" << a.nk.Minimum() << " to small n \n";
         io_scratch::CaptureStdout out;
         matches(em(x, grp, K), a, common);
-        matches(emunequal(x, grp, K), b, component);
+        const emstructuneq fit = emunequal(x, grp, K);
+        matches(fit, b, component);
         EXPECT_EQ(out.text(), c.kinds == "ss" ? "\n3 to small n \n" : report.str()) << c.n1 << " " << c.phase;
+        Literal last = b;  // one more pass of a converged fit: its l_i is the log-likelihood of the fit
+        last.passes = 98;
+        if (kind(b) == 'c') { EXPECT_EQ(log_likelihood(x, fit), passes(x, last, component).loglik) << c.n1; }
     }
 }
 
-TEST(Em, InvalidStartsAreRefused)
+// From given values: deviations about the new means, no size guard, loglik from the last observation alone.
+TEST(EmFromEstimates, DeviationFormWithoutSizeGuard)
 {
     ColumnVector grp;
-    const Matrix x = clusters(kCases[4], grp);  // every label 1
-    EXPECT_THROW(em(x, grp * 2.0, 1), RunError);
-    EXPECT_THROW(emunequal(x, grp * 0.0, 1), RunError);
-    EXPECT_THROW(emunequal(x, grp, 21), RunError);
-    EXPECT_THROW(em_from_initial_estimates(x, filled(1, 3, 0.0), filled(3, 3, 1.0), filled(1, 1, 1.0), 2), RunError);
+    const Matrix x = clusters(kCases[1], grp);  // abandoned from the partition: a component below 4
+    const Literal s = literal(x, grp, 2, common);
+    matches(em_from_initial_estimates(x, s.mu, s.sigma[0], s.pi, 2), passes(x, {s.mu, s.sigma, s.pi, s.nk}, deviation),
+            deviation);
 }
 
-TEST(EmFromEstimates, DeviationFormNoSizeGuardAndTheLastObservationsLoglik)
+TEST(Em, LabelsOutsideOneToKGivenValuesOfTheWrongShapeAndASingularCovarianceAreRefused)
 {
     ColumnVector grp;
-    const Matrix x = clusters(kCases[1], grp);
-    const Literal s = literal(x, grp, 2, common);  // abandoned: a component below 4
-    matches(em_from_initial_estimates(x, s.mu, s.sigma[0], s.pi, 2),
-            passes(x, {s.mu, s.sigma, s.pi, s.nk}, deviation), deviation);
+    const Matrix x = clusters(kCases[1], grp);  // 24 x 3
+    EXPECT_THROW(em(x, grp * 2.0, 2), RunError);  // labels outside 1..K
+    EXPECT_THROW(emunequal(x, grp, 21), RunError);
+    // K; rows and columns of means and covariance; proportions (right: 2; 2, 3; 3, 3; 2).
+    for (const auto& t : {std::array<int, 6>{2, 1, 3, 3, 3, 2}, {2, 2, 2, 3, 3, 2}, {2, 2, 3, 2, 3, 2},
+                          {2, 2, 3, 3, 2, 2}, {2, 2, 3, 3, 3, 1}, {0, 0, 3, 3, 3, 0}})
+        EXPECT_THROW(em_from_initial_estimates(x, filled(t[1], t[2], 0.0), filled(t[3], t[4], 1.0),
+                                               filled(t[5], 1, 0.5), t[0]), RunError) << t[0] << t[1] << t[3] << t[5];
+    // A singular covariance: the matrix library's failure, taken under its lock, leaves the fit.
+    EXPECT_THROW(em_from_initial_estimates(x, filled(2, 3, 0.0), filled(3, 3, 0.0), filled(2, 1, 1), 2), MatrixFailure);
 }

@@ -4,11 +4,13 @@
 #include <cstdlib>
 #include <vector>
 
+#include "common/settings.h"
+#include "starts/kmeans.h"
 #include "starts/random_starts.h"
 
 using namespace mixrank;
 
-static void reference_srswor(int* vector, int length)  // the plain quadratic form
+static void plain_srswor(int* vector, int length)  // a linear count of the free slots for every draw
 {
     for (int i = 0; i < length; ++i) vector[i] = 0;
     for (int number_left = length; number_left >= 1; --number_left) {
@@ -20,8 +22,7 @@ static void reference_srswor(int* vector, int length)  // the plain quadratic fo
     }
 }
 
-// The array `fill` leaves (and a guard entry past it), then the next draw; from seed t or,
-// with constant set, from a stream whose every draw is t / 2^48.
+// The array fill leaves, a guard entry and the next draw; from seed t, or from draws that all are t / 2^48.
 static std::pair<std::vector<int>, double> run(void (*fill)(int*, int), int length, unsigned long long t, bool constant)
 {
     unsigned short p[7] = {0, 0, 0, 1, 0, 0, 0};  // multiplier 1, addend 0
@@ -32,31 +33,72 @@ static std::pair<std::vector<int>, double> run(void (*fill)(int*, int), int leng
     return {v, drand48()};
 }
 
-TEST(RandomStarts, SrsworIsThePlainFormForSeedsAndForCutoffsOnTheRankBoundaries)
+// Batch K-means with whole rows from the observations perm[1..K]: all to the nearest centre, then the
+// centres to the group means (NaN for an empty group), until no label changes.
+static std::vector<double> plain_kmeans(const Matrix& x, const std::vector<int>& perm, int K)
+{
+    const int n = x.Nrows();
+    Matrix mu(K, x.Ncols());
+    for (int k = 1; k <= K; ++k) mu.Row(k) = x.Row(perm[k]);
+    ColumnVector grp(n), old(n), d(K), size(K);
+    grp = 0.0;
+    do {
+        old = grp;
+        for (int i = 1; i <= n; ++i) {
+            for (int k = 1; k <= K; ++k) d(k) = RowVector(mu.Row(k) - x.Row(i)).SumSquare();
+            grp(i) = mindist(d.Store(), K);
+        }
+        mu = 0.0, size = 0.0;
+        for (int i = 1; i <= n; ++i) mu.Row(int(grp(i))) += x.Row(i), size(int(grp(i))) += 1;
+        for (int k = 1; k <= K; ++k) mu.Row(k) *= 1.0 / size(k);
+    } while (ColumnVector(grp - old).SumSquare() != 0.0);
+    return std::vector<double>(grp.Store(), grp.Store() + n);
+}
+
+TEST(RandomStarts, PermutationIsThePlainFormForSeedsAndForDrawsOnTheRankBoundaries)
 {
     for (int length : {0, 1, 2, 3, 10, 97, 500})
         for (unsigned long long seed = 1; seed <= 20; ++seed)
-            ASSERT_EQ(run(srswor, length, seed, false), run(reference_srswor, length, seed, false));
-    // Cutoff 0 and draws just below, at and above k / m with m left (some round cutoff * m across an integer).
+            ASSERT_EQ(run(srswor, length, seed, false), run(plain_srswor, length, seed, false));
+    // Draws 0 and just below, at and above k / m with m left (some round draw * m across an integer).
     for (unsigned long long m : {1, 2, 3, 4, 5, 6, 7, 12, 35, 47, 197, 349})
         for (unsigned long long k = 0; k < m; ++k)
             for (unsigned long long t : {(k << 48) / m - (k > 0), (k << 48) / m, (k << 48) / m + 1})
-                ASSERT_EQ(run(srswor, int(m), t, true), run(reference_srswor, int(m), t, true)) << t;
+                ASSERT_EQ(run(srswor, int(m), t, true), run(plain_srswor, int(m), t, true)) << t;
 }
 
-TEST(RandomStarts, RandomStartDrawsOncePerObservationAndMindistKeepsAFloatMinimum)
+TEST(RandomStarts, PartitionDrawsOncePerObservationAndMindistKeepsAFloatMinimum)
 {
     srand48(5);  // two calls in a row: the second starts right after the n draws of the first
     const ColumnVector grp = randomstart(Matrix(200, 1), 4), more = randomstart(Matrix(200, 1), 4);
     srand48(5);
     for (int i = 1; i <= 400; ++i) EXPECT_EQ(i <= 200 ? grp(i) : more(i - 200), std::ceil(4 * drand48())) << i;
-    EXPECT_EQ(randomstart(Matrix(200, 1), 1).Sum(), 200.0);  // labels ceil(U) are 0 or 1: all of them 1
     // 2.0000001 is held as 2.0f, which 2.0 is not below; 1 + 0.75 * 2^-23 as 1 + 2^-23, above 1 + 0.9 * 2^-23.
     const std::pair<std::vector<double>, int> cases[] = {{{3, 1, 1}, 2}, {{2, 2}, 1}, {{NAN, 1, 0}, 1},
         {{4, NAN, 3}, 3}, {{2.0000001, 2.0}, 1}, {{1 + 0.75 * 0x1p-23, 1 + 0.9 * 0x1p-23}, 2}};
-    for (const auto& [entries, expected] : cases) {
-        ColumnVector d(static_cast<int>(entries.size()));
-        d << entries.data();
-        EXPECT_EQ(mindist(d), expected) << entries[0];
-    }
+    for (const auto& [d, expected] : cases) EXPECT_EQ(mindist(d.data(), int(d.size())), expected) << d[0];
+}
+
+// Data with many equal rows (d = 1: integers 0..4), so some centres coincide and leave a group empty; the
+// permutation is the one drawn from the same seed (n draws), and nothing else is drawn.
+TEST(KMeans, EqualsThePlainAlgorithmFromThePermutationAndRefusesKOutsideOneToNMinusOne)
+{
+    unsigned short state[3] = {5, 6, 7};
+    for (const int n : {7, 40, 150})
+        for (const int d : {1, 3}) {
+            Matrix x(n, d);
+            for (int i = 0; i < n * d; ++i) x.Store()[i] = int(erand48(state) * 5) + erand48(state) * (i % d);
+            for (const int K : {1, 2, 3, 6}) {
+                std::vector<int> perm(n);
+                srand48(n * K + d);
+                srswor(perm.data(), n);
+                const double next = drand48();
+                srand48(n * K + d);
+                const ColumnVector grp = kmeans(x, K);
+                EXPECT_EQ(drand48(), next);
+                EXPECT_EQ(std::vector<double>(grp.Store(), grp.Store() + n), plain_kmeans(x, perm, K)) << n << d << K;
+            }
+            EXPECT_THROW(kmeans(x, n), RunError);
+            EXPECT_THROW(kmeans(x, 0), RunError);
+        }
 }
