@@ -75,8 +75,8 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         {"1 2\n3 1e200\n5 6\n7 8\n", {}, "", "column 2 " + bad + "cannot be scaled: its variance is -nan (values too large or too close together)"},
         {"\n\n\n", {}, "", "the data file 'bad.dat' holds no numbers"},
         {"", {}, "", "the data file 'bad.dat' holds no lines"},
-        {"", {"-i", "fifo.dat"}, "", "the data file 'fifo.dat' holds no lines"},
-        {"", {"-i", "/dev/zero"}, "", "the data file '/dev/zero' is not a regular file or a pipe"},
+        {nullptr, {"-i", "fifo.dat"}, "", "the data file 'fifo.dat' holds no lines"},
+        {nullptr, {"-i", "/dev/zero"}, "", "the data file '/dev/zero' is not a regular file or a pipe"},
         {longline.c_str(), {}, "", "cannot read the data file 'bad.dat': a line is longer than 199 characters; give its size with -n and -d"},
         // a token is one whole number as strtod reads it, refused where it stands
         {"x y\n1 2\n3 4\n5 6\n", {}, "", "row 1, column 1 " + bad + "is not a number: 'x'"},
