@@ -68,15 +68,15 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         {nullptr, {}, "3 iris.dat 0 0 0 1", "the tuning parameter h typed in the dialogue must be a positive number; got 0"},
         {nullptr, {}, "3 iris.dat 0 0 0.5 1 0", "the number of components typed in the dialogue must be at least 1; got 0"},
         {nullptr, {"-n", "151", "-d", "4"}, "", "row 151, column 1 of the data file 'iris.dat' " + finite},
-        {"1 2\n3 4\n", {}, "", "the data file 'bad.dat' gives 2 observation(s); mixrank needs at least 3 observations"},
+        {"1 2\n3 4\n5 6", {}, "", "the data file 'bad.dat' gives 2 observation(s); mixrank needs at least 3 observations"},  // no last newline
         {"1 5\n2 5\n3 5\n4 5\n", {}, "", "column 2 " + bad + "is constant (variance 0) and cannot be scaled"},
         {"1 2\n3 nan\n5 6\n7 8\n", {}, "", "row 2, column 2 " + bad + finite},
         {"1 2 \r\n3 4 \r\n5 6 \r\n", {}, "", "row 3, column 1 " + bad + finite},  // a CR after a blank is a token
         {"1 2\n3 1e200\n5 6\n7 8\n", {}, "", "column 2 " + bad + "cannot be scaled: its variance is -nan (values too large or too close together)"},
         {"\n\n\n", {}, "", "the data file 'bad.dat' holds no numbers"},
         {"", {}, "", "the data file 'bad.dat' holds no lines"},
-        {"", {"-i", "fifo.dat"}, "", "the data file 'fifo.dat' holds no lines"},
-        {"", {"-i", "/dev/zero"}, "", "the data file '/dev/zero' is not a regular file or a pipe"},
+        {nullptr, {"-i", "fifo.dat"}, "", "the data file 'fifo.dat' holds no lines"},
+        {nullptr, {"-i", "/dev/zero"}, "", "the data file '/dev/zero' is not a regular file or a pipe"},
         {longline.c_str(), {}, "", "cannot read the data file 'bad.dat': a line is longer than 199 characters; give its size with -n and -d"},
         // a token is one whole number as strtod reads it, refused where it stands
         {"x y\n1 2\n3 4\n5 6\n", {}, "", "row 1, column 1 " + bad + "is not a number: 'x'"},

@@ -38,12 +38,13 @@ TEST(IrisExample, TableAndLabelsAsTheReadmeShowsThem)
     ASSERT_EQ(fit.status, 0) << fit.err;
     const std::string table = readme_block("Empirical Sdof =25.8556\n");
     ASSERT_EQ(lines(table).size(), 12u);
+    EXPECT_NE(fit.out.find("Risk Calculation for \x1b[1m 6\x1b[m component model done"), std::string::npos) << fit.out;
     EXPECT_NE(plain(fit.out).find("\n\n\n\n" + table), std::string::npos) << fit.out;
+    EXPECT_EQ(lines(w.read("iris.equal.risk")).at(6).size(), 150u);  // ten numbers, each 14 wide and a blank
     EXPECT_NE(plain(w.run({"-equal", "-1", "-g", "6", "-i", "iris.dat", "-p", "iris.param"}).out).find(table), std::string::npos);  // scored again
     // The four-component model labels the flowers: setosa (line 1) in component 3, line 117 between two.
     const Result r = w.run_program(MIXRANK_CLASSIFY_BINARY, {"-e", "-g", "4", "-i", "iris.dat", "-p", "iris.param"});
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, "");
     EXPECT_NE(plain(r.out).find("(common covariance)\n" + readme_block(std::string(102, '_'))), std::string::npos) << r.out;
     const Args file = lines(w.read("iris.equal.g4.class"));
     ASSERT_EQ(file.size(), 150u);
