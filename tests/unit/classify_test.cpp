@@ -3,18 +3,26 @@
 
 #include "classify/classify.h"
 #include "io/atomic_file.h"
+#include "mixture/density.h"
 #include "io_scratch.h"
 #include "risk_support.h"
 
 using namespace risk_support;
 
-// Classifies x, checking the first rows against pi_k f_k(x) with the covariance of component k
-// inverted here: the label of the largest (the first on ties), the weights over their sum, and
+static ColumnVector by_rule(const Matrix& x, const emstruct& fit) { return posterior(x, fit); }
+static ColumnVector by_rule(const Matrix& x, const emstructuneq& fit) { return posterior2(x, fit); }
+
+// Classifies x, checking every label against the maximum-posterior rule and the first rows
+// against pi_k f_k(x) with the covariance of component k inverted here: the label of the largest (the first on ties), the weights over their sum, and
 // 1 minus the largest of those.
 template <class Record>
 static Classification classified(const Matrix& x, int rows, const Record& fit)
 {
     const Classification c = classify_observations(x, fit);
+    const io_scratch::CaptureStdout screen;
+    const ColumnVector rule = by_rule(x, fit);
+    EXPECT_EQ(screen.text(), "k=" + std::to_string(fit.mu.Nrows()) + "\n");
+    for (int i = 1; i <= x.Nrows(); ++i) EXPECT_EQ(rule(i), c.label(i)) << "observation " << i;
     for (int i = 1, K = fit.mu.Nrows(); i <= rows; ++i) {
         std::vector<double> w(K + 1);
         int label = 1;
