@@ -57,6 +57,29 @@ TEST(Classify, PosteriorProbabilitiesLabelsAndUncertaintyAgainstTheDirectForm)
     }
 }
 
+// The readers' own refusals, for callers that have not checked K or opened the file.
+TEST(Classify, NoComponentOrAnUnreadableStreamIsRefusedByName)
+{
+    std::istringstream unread("0 0 \n1 \n0 1 \n1 \n");
+    unread.setstate(std::ios::failbit);
+    for (const auto& [K, stream, message] : std::vector<std::tuple<int, std::istream*, std::string>>{
+             {0, nullptr, "a model needs at least one component"},
+             {1, &unread, "cannot read the parameter file 'p'"}}) {
+        std::istringstream good("0 0 \n1 \n0 1 \n1 \n");
+        std::istream& file = stream ? *stream : good;
+        for (int model = 0; model < 2; ++model) {
+            std::string refusal;
+            try {
+                if (model == 0) stored_model_e(K, 2, file, "p");
+                else stored_model_u(K, 2, file, "p");
+            } catch (const RunError& e) {
+                refusal = e.what();
+            }
+            EXPECT_EQ(refusal, message);
+        }
+    }
+}
+
 TEST(Classify, FileLinesWithSixDecimalsAndTheFileNameAfterTheReport)
 {
     Classification c{mat(2, 2, {0.25, 0.75, NAN, NAN}), mat(2, 1, {2, 1}), mat(2, 1, {0.25, NAN})};
