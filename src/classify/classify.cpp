@@ -7,6 +7,7 @@
 #include <sstream>
 #include <vector>
 
+#include "common/format.h"
 #include "common/settings.h"
 #include "io/param_file.h"
 #include "mixture/density.h"
@@ -182,7 +183,6 @@ void print_summary(std::ostream& out, const Classification& c, const ColumnVecto
     int uncertain = 0;
     for (int i = 1; i <= n; ++i)
         if (c.uncertainty(i) > 0.5) ++uncertain;
-    char buf[64];
     for (int k = 1; k <= K; ++k) {
         int count = 0, with_probabilities = 0;
         double total = 0.0;
@@ -195,11 +195,9 @@ void print_summary(std::ostream& out, const Classification& c, const ColumnVecto
             }
         }
         const double mean_uncertainty = with_probabilities > 0 ? total / with_probabilities : kNaN;
-        std::snprintf(buf, sizeof buf, "%9d  %12d  %10.6f  %16.6f ", k, count, pi(k), mean_uncertainty);
-        out << buf;
+        out << format("%9d  %12d  %10.6f  %16.6f ", k, count, pi(k), mean_uncertainty);
         for (int j = 1; j <= d; ++j) {
-            std::snprintf(buf, sizeof buf, " %11.6f", mu(k, j) * sd(j));
-            out << buf;
+            out << format(" %11.6f", mu(k, j) * sd(j));
         }
         out << "\n";
     }

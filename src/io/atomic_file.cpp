@@ -216,7 +216,6 @@ struct AtomicFile::Impl {
     static void note_records(void* self, int n, long long end)
     {
         Impl& f = *static_cast<Impl*>(self);
-        if (f.on_interrupt != Interrupted::keep_records) return;
         Slot& s = *f.slot;
         if (end == 0) {
             s.next_end.store(0, std::memory_order_release);
@@ -311,7 +310,7 @@ AtomicFile::AtomicFile(const std::string& what, const std::string& target, Inter
     f.settle_slot(on_interrupt == Interrupted::keep_records ? kKeepNothingYet : kDiscard);
 
     f.buffer.reset(new HeldBuffer(f.fd));
-    f.buffer->on_record(&Impl::note_records, &f);
+    if (on_interrupt == Interrupted::keep_records) f.buffer->on_record(&Impl::note_records, &f);
     f.out.reset(new std::ostream(f.buffer.get()));
 }
 

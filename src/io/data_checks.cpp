@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <sstream>
 
+#include "common/format.h"
 #include "common/settings.h"
 #include "risk/kernel.h"
 
@@ -68,10 +69,9 @@ void check_matrix_size(const std::string& what, std::size_t rows, std::size_t co
     const bool fits = rows <= limit && cols <= limit && (cols == 0 || rows <= limit / cols);
     if (fits) return;
     const long double values = static_cast<long double>(rows) * static_cast<long double>(cols);
-    char gb[32];
-    std::snprintf(gb, sizeof gb, "%.1Lf", values * sizeof(Real) / 1e9L);
     throw RunError("the " + what + " of " + std::to_string(rows) + " x " + std::to_string(cols) +
-                   " numbers would need " + gb + " GB; the matrix library holds at most " +
+                   " numbers would need " + format("%.1Lf", values * sizeof(Real) / 1e9L) +
+                   " GB; the matrix library holds at most " +
                    std::to_string(INT_MAX) + " numbers in one matrix");
 }
 

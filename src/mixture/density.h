@@ -34,7 +34,6 @@ public:
         std::vector<double> diff, q;
     };
 
-    NormalDensity() = default;
     explicit NormalDensity(const Matrix& sigmainv);
     // x and mean point at p consecutive doubles (for example a row of a
     // matrix's row-major Store()).
@@ -52,10 +51,10 @@ public:
     double at(double q) const { return std::exp(q / -2.0) * sqrt_det_ / constant_; }
 
 private:
-    int p_ = 0;
+    int p_;
     std::vector<double> inv_;  // p x p, row-major
-    double sqrt_det_ = 0.0;
-    double constant_ = 1.0;
+    double sqrt_det_;
+    double constant_;
 };
 
 // Densities of every component of a fit, each with its inverse prepared once.

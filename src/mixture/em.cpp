@@ -342,7 +342,6 @@ emstruct em_from_initial_estimates(const Matrix& x, Matrix mu, Matrix sigma, Col
     s.resize(data.n(), K, p);
     std::copy(mu.Store(), mu.Store() + s.mu.size(), s.mu.begin());
     std::copy(pi.Store(), pi.Store() + K, s.pi.begin());
-    std::fill(s.nk.begin(), s.nk.end(), 0.0);
     std::vector<double> cov(sigma.Store(), sigma.Store() + static_cast<std::size_t>(p) * p);
     CommonCovariance model(cov, K, p, true);
     em_pass::run(data, s, model, SizeGuard::none, std::cout);

@@ -1,5 +1,6 @@
 #include "risk/kernel_blocks.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "common/settings.h"
@@ -47,7 +48,7 @@ void KernelBlocks::block(std::size_t top, std::size_t rows, std::size_t left, st
             }
             o[b] = (tempval * -0.5) / hh_;
         }
-        for (std::size_t b = 0; b < cols; ++b) o[b] = std::exp(o[b]) / norm_;
+        std::transform(o, o + cols, o, [this](double v) { return std::exp(v) / norm_; });
     }
 }
 

@@ -25,7 +25,7 @@ Densities evaluate_densities(const Matrix& x, const Matrix& mu, const ColumnVect
     const int n = x.Nrows(), d = x.Ncols();
     Densities out;
     out.g = g;
-    out.f.assign(static_cast<size_t>(n) * g, 0.0);
+    out.f.resize(static_cast<size_t>(n) * g);  // every entry is set below
     out.ftot.assign(n, 0.0);
     const Real* xs = x.Store();
     const Real* ms = mu.Store();

@@ -52,12 +52,7 @@ void assign(const Data& x, const std::vector<double>& mu, std::vector<double>& d
 
 bool labels_changed(const std::vector<double>& grp, const std::vector<double>& oldgrp)
 {
-    double ss = 0.0;
-    for (std::size_t i = 0; i < grp.size(); ++i) {
-        const double diff = grp[i] - oldgrp[i];
-        ss += diff * diff;
-    }
-    return ss != 0.0;  // NaN counts as a change
+    return grp != oldgrp;  // NaN counts as a change
 }
 
 // Centres = group means; an empty group's centre becomes NaN (0 * 1/0).

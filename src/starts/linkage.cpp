@@ -14,6 +14,7 @@
 #include <sstream>
 #include <vector>
 
+#include "common/format.h"
 #include "common/parallel.h"
 #include "common/settings.h"
 #include "mixture/lanes.h"
@@ -357,9 +358,7 @@ std::vector<ColumnVector> column_vectors(const std::vector<std::vector<double>>&
 
 std::string gigabytes(double bytes)
 {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.1f GB", bytes / 1e9);
-    return text;
+    return format("%.1f GB", bytes / 1e9);
 }
 
 }  // namespace
