@@ -47,6 +47,7 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
     ASSERT_EQ(::mkfifo(w.file("fifo.dat").c_str(), 0644), 0);  // no writer: read at once as empty, never waited for
     w.write("link.dat", w.read("iris.dat"));
     ASSERT_EQ(::symlink("link.dat", w.file("link.unequal.risk").c_str()), 0);  // the report's name leads to the data
+    ASSERT_EQ(::link(w.file("iris.dat").c_str(), w.file("hard.param").c_str()), 0);  // another name of the data
     const std::string finite = "is not a finite number (text, nan, inf, or the file ends early)", clash = "; choose other names (nothing was written)",
                       bad = "of the data file 'bad.dat' ", limit = "; the matrix library holds at most 2147483647 numbers in one matrix",
                       longline = std::string(200, '1') + "\n1 2\n";
@@ -70,7 +71,7 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         {nullptr, {"-n", "151", "-d", "4"}, "", "row 151, column 1 of the data file 'iris.dat' " + finite},
         {"1 2\n3 4\n5 6", {}, "", "the data file 'bad.dat' gives 2 observation(s); mixrank needs at least 3 observations"},  // no last newline
         {"1 5\n2 5\n3 5\n4 5\n", {}, "", "column 2 " + bad + "is constant (variance 0) and cannot be scaled"},
-        {"1 2\n3 nan\n5 6\n7 8\n", {}, "", "row 2, column 2 " + bad + finite},
+        {"1 nan\n3 4\n5 6\n7 8\n", {}, "", "row 1, column 2 " + bad + finite},
         {"1 2 \r\n3 4 \r\n5 6 \r\n", {}, "", "row 3, column 1 " + bad + finite},  // a CR after a blank is a token
         {"1 2\n3 1e200\n5 6\n7 8\n", {}, "", "column 2 " + bad + "cannot be scaled: its variance is -nan (values too large or too close together)"},
         {"\n\n\n", {}, "", "the data file 'bad.dat' holds no numbers"},
@@ -86,6 +87,7 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         {"1 2\n3 4\n5 3..5\n7 8\n", {}, "", "row 3, column 2 " + bad + "is not a number: '3..5'"},
         // names that would overwrite one another, compared by identity
         {nullptr, {"-p", "iris.dat"}, "", "the parameter file 'iris.dat' to be written is the data file" + clash},
+        {nullptr, {"-p", "hard.param"}, "", "the parameter file 'hard.param' to be written is the data file" + clash},
         {nullptr, {"-3", "-p", "./iris.dat.std"}, "", "the parameter file './iris.dat.std' to be written is the scaled data copy 'iris.dat.std'" + clash},
         {nullptr, {"-1", "-g", "2", "-p", "iris.equal.risk"}, "", "the report 'iris.equal.risk' would replace the parameter file 'iris.equal.risk'" + clash},
         {nullptr, {"-1", "-g", "2", "-i", "link.dat", "-u"}, "", "the report 'link.unequal.risk' would replace the data file" + clash},

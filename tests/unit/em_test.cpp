@@ -148,6 +148,9 @@ TEST(Em, LabelsOutsideOneToKGivenValuesOfTheWrongShapeAndASingularCovarianceAreR
     const Matrix x = clusters(kCases[1], grp);  // 24 x 3
     EXPECT_THROW(em(x, grp * 2.0, 2), RunError);  // labels outside 1..K
     EXPECT_THROW(emunequal(x, grp, 21), RunError);
+    ColumnVector twenty(x.Nrows());
+    for (int i = 1; i <= x.Nrows(); ++i) twenty(i) = (i - 1) % 20 + 1;
+    EXPECT_EQ(emunequal(x, twenty, 20).loglik, -9e+100);  // twenty components are allowed (and too small here)
     // K; rows and columns of means and covariance; proportions (right: 2; 2, 3; 3, 3; 2).
     for (const auto& t : {std::array<int, 6>{2, 1, 3, 3, 3, 2}, {2, 2, 2, 3, 3, 2}, {2, 2, 3, 2, 3, 2},
                           {2, 2, 3, 3, 2, 2}, {2, 2, 3, 3, 3, 1}, {0, 0, 3, 3, 3, 0}})
