@@ -87,11 +87,14 @@ void matches(const Fit& got, const Literal& want, Cov cov)
 // kinds: how em and emunequal end, s(tart too small), a(bandoned), c(onverged), l(imit).
 struct Case { int n1, n2; double shift, phase; std::string kinds; int p = 3; };
 
-const std::vector<Case> kCases = {  // p = 5, 6: row squares of 16 and 22 packed entries, mean rows of 6 and 8
+// p = 5, 6, 11: row squares of 16, 22 and 66 packed entries (66: five blocks of six pairs, then three), mean
+// rows of 6, 8 and 12
+const std::vector<Case> kCases = {
     {10, 3, 5.0, 0.0, "ss"},   {20, 4, 40.0, 0.4, "al"},  // a group of exactly 4 passes the guard
     {25, 5, 1.0, 0.4, "ca"},   {40, 5, 1.0, 0.0, "cc"},
     {10, 0, 0.0, 0.2, "cc"},   {10, 0, 0.0, 0.0, "ll"},  // settled after a pass: c_i infinite or 0/0
     {150, 61, 3.0, 0.1, "cc", 2}, {97, 70, 2.0, 0.5, "cc", 5}, {97, 70, 2.0, 0.5, "cc", 6},  // blocks of rows
+    {97, 70, 2.0, 0.5, "cc", 11},
 };
 
 Matrix clusters(const Case& c, ColumnVector& grp)

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <string>
@@ -95,6 +97,22 @@ TEST(Linkage, SameMergesAsPlainFormOnRandomAndTieHeavyData)
     for (int n : {3, 8, 25}) expect_same_as_reference(IdentityMatrix(n), "all pairs equally far");
     expect_same_as_reference(sample_points(12, 2, 1, state, 1.5), "all identical");
     expect_same_as_reference(sample_points(40, 2, 0, state, 4e5), "some at the 1e11 sentinel");
+}
+
+// A table of 2 MB or more (here 2.6 MB) is laid out for huge pages; like a small one it is given back
+// before the call returns.
+TEST(Linkage, ALargeTableIsReleasedWhenTheCallReturns)
+{
+    unsigned short state[3] = {5, 6, 7};
+    const Matrix x = sample_points(800, 2, 0, state);
+    const auto in_use = [] {
+        const struct mallinfo2 m = mallinfo2();
+        return m.uordblks + m.hblkhd;
+    };
+    const std::size_t before = in_use();
+    const std::vector<int> labels = ints(linkage(x, 3, 'a'));
+    EXPECT_LT(in_use(), before + 500000);
+    EXPECT_EQ(*std::max_element(labels.begin(), labels.end()), 3);
 }
 
 TEST(Linkage, RunsNeedingMoreMemoryThanTheLimitAreRefusedWithTheSize)
