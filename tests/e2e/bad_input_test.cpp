@@ -74,6 +74,7 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         {"1 nan\n3 4\n5 6\n7 8\n", {}, "", "row 1, column 2 " + bad + finite},
         {"1 2 \r\n3 4 \r\n5 6 \r\n", {}, "", "row 3, column 1 " + bad + finite},  // a CR after a blank is a token
         {"1 2\n3 1e200\n5 6\n7 8\n", {}, "", "column 2 " + bad + "cannot be scaled: its variance is -nan (values too large or too close together)"},
+        {"1 1e-170\n2 2e-170\n3 3e-170\n4 4e-170\n", {}, "", "column 2 " + bad + "cannot be scaled: its variance is 0 (values too large or too close together)"},
         {"\n\n\n", {}, "", "the data file 'bad.dat' holds no numbers"},
         {"", {}, "", "the data file 'bad.dat' holds no lines"},
         {nullptr, {"-i", "fifo.dat"}, "", "the data file 'fifo.dat' holds no lines"},
@@ -97,6 +98,7 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         // sizes past the matrix library's int, refused before the file is read
         {nullptr, {"-n", "65536", "-d", "65537"}, "", "the data matrix of 65536 x 65537 numbers would need 34.4 GB" + limit},
         {nullptr, {"-n", "110000000", "-d", "2", "-g", "6"}, "", "the score matrix of the model with 6 components of 110000000 x 21 numbers would need 18.5 GB" + limit},
+        {nullptr, {"-u", "-n", "110000000", "-d", "2", "-g", "6"}, "", "the score matrix of the model with 6 components of 110000000 x 36 numbers would need 31.7 GB" + limit},
     };
     for (const auto& [data, more, typed, message] : cases) {
         if (data) w.write("bad.dat", data);

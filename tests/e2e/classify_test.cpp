@@ -75,6 +75,8 @@ TEST(Classify, RefusalsWriteNothingAndAKnownModelClassifiesExactly)
         {with(base, {"-i", "rag.dat"}), "the data file 'rag.dat' is not rectangular: every line must hold the same number of values"},
         {with(base, {"-i", "const.dat"}), "column 2 of the data file 'const.dat' is constant (variance 0) and cannot be scaled"},
         {with(base, {"-n", "8", "-d", "1"}), "row 8, column 1 of the data file 'c.dat' is not a finite number (text, nan, inf, or the file ends early)"},
+        {with(base, {"-n", "65536", "-d", "65537"}), "the data matrix of 65536 x 65537 numbers would need 34.4 GB; the matrix library "
+                                                     "holds at most 2147483647 numbers in one matrix"},
         {with(base, {"-p", "absent.param"}), "cannot open the parameter file 'absent.param'"},
         {with(base, {"-p", "dir.param"}), "cannot open the parameter file 'dir.param'"},
         {with(base, {"-g", "6"}), "the parameter file 'c.param' holds 5 complete" + model + "6 needs 6"},
