@@ -1,6 +1,5 @@
-// The README's worked example from end to end (the iris fit, its table, the stored models scored
-// again, the chosen model's labels), mixrank-classify's refusals, a small model whose every number
-// is known, and classification pictures.
+// The README's worked example from end to end (the iris fit, its table, the stored models scored again, the
+// chosen model's labels), mixrank-classify's refusals, a small model whose every number is known, and pictures.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

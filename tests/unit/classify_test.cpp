@@ -4,6 +4,7 @@
 #include "classify/classify.h"
 #include "io/atomic_file.h"
 #include "mixture/density.h"
+#include "risk/model_shape.h"
 #include "io_scratch.h"
 #include "risk_support.h"
 
@@ -12,9 +13,8 @@ using namespace risk_support;
 static ColumnVector by_rule(const Matrix& x, const emstruct& fit) { return posterior(x, fit); }
 static ColumnVector by_rule(const Matrix& x, const emstructuneq& fit) { return posterior2(x, fit); }
 
-// Classifies x, checking every label against the maximum-posterior rule and the first rows
-// against pi_k f_k(x) with the covariance of component k inverted here: the label of the largest (the first on ties), the weights over their sum, and
-// 1 minus the largest of those.
+// Classifies x, checking every label against the maximum-posterior rule and the first rows against pi_k f_k(x):
+// the label of the largest (the first on ties), the weights over their sum, and 1 minus the largest of those.
 template <class Record>
 static Classification classified(const Matrix& x, int rows, const Record& fit)
 {
@@ -57,27 +57,30 @@ TEST(Classify, PosteriorProbabilitiesLabelsAndUncertaintyAgainstTheDirectForm)
     }
 }
 
-// The readers' own refusals, for callers that have not checked K or opened the file.
-TEST(Classify, NoComponentOrAnUnreadableStreamIsRefusedByName)
+// What the readers and the shape check refuse, for callers that have not checked K, opened the file or
+// matched the record to the data.
+TEST(Classify, ReadersAndTheShapeCheckRefuseByName)
 {
-    std::istringstream unread("0 0 \n1 \n0 1 \n1 \n");
+    using io_scratch::refusal;
+    std::istringstream unread;
     unread.setstate(std::ios::failbit);
-    for (const auto& [K, stream, message] : std::vector<std::tuple<int, std::istream*, std::string>>{
-             {0, nullptr, "a model needs at least one component"},
-             {1, &unread, "cannot read the parameter file 'p'"}}) {
-        std::istringstream good("0 0 \n1 \n0 1 \n1 \n");
-        std::istream& file = stream ? *stream : good;
-        for (int model = 0; model < 2; ++model) {
-            std::string refusal;
-            try {
-                if (model == 0) stored_model_e(K, 2, file, "p");
-                else stored_model_u(K, 2, file, "p");
-            } catch (const RunError& e) {
-                refusal = e.what();
-            }
-            EXPECT_EQ(refusal, message);
-        }
-    }
+    const std::string none = "a model needs at least one component", fewer = "a model holds fewer components than it is scored with",
+                      covariance = "the covariance of a model does not match the data's dimension";
+    for (const auto& [K, message] : {std::pair<int, std::string>{0, none}, {1, "cannot read the parameter file 'p'"}})
+        EXPECT_EQ(refusal([&] { stored_model_e(K, 2, unread, "p"); }) + refusal([&] { stored_model_u(K, 2, unread, "p"); }), message + message);
+    emstruct e;  // two components in two dimensions
+    e.mu.ReSize(2, 2), e.pi.ReSize(2), e.sigma = IdentityMatrix(2);
+    emstructuneq u;  // the same with a 3 x 3 second covariance
+    u.mu = e.mu, u.pi = e.pi, u.sigma[1].comp = e.sigma, u.sigma[2].comp = IdentityMatrix(3);
+    const auto shape = [](const auto& record, int g, int d) { return refusal([&] { check_model_shape(Matrix(5, d), record, g); }); };
+    EXPECT_EQ(shape(e, 2, 2) + shape(u, 1, 2), "");
+    EXPECT_EQ(shape(e, 0, 2) + shape(u, 0, 2), none + none);
+    EXPECT_EQ(shape(e, 3, 2) + shape(u, 3, 2), fewer + fewer);
+    EXPECT_EQ(shape(e, 1, 3), "the means of a model do not match the data's dimension");
+    EXPECT_EQ(shape(u, 2, 2), covariance);
+    e.sigma = IdentityMatrix(3), u.mu.ReSize(21, 2), u.pi.ReSize(21);
+    EXPECT_EQ(shape(e, 1, 2), covariance);
+    EXPECT_EQ(shape(u, 21, 2), "a component-covariance model holds at most 20 components");
 }
 
 TEST(Classify, FileLinesWithSixDecimalsAndTheFileNameAfterTheReport)
@@ -101,9 +104,7 @@ TEST(AtomicFile, ReplacesOnCommitOnlyKeepingTheModeAndRefusesANinthOpenFile)
     AtomicFile("report file", dir.file("1")).stream() << "half";  // never committed
     std::vector<std::unique_ptr<AtomicFile>> open;
     for (int i = 1; i <= 8; ++i) open.emplace_back(new AtomicFile("report file", dir.file(std::to_string(i))));
-    std::string refusal;
-    try { AtomicFile("report file", dir.file("9")); } catch (const RunError& e) { refusal = e.what(); }
-    EXPECT_EQ(refusal, "cannot write the report file '" + dir.file("9") + "': too many files open for writing at once");
+    EXPECT_EQ(io_scratch::refusal([&] { AtomicFile("report file", dir.file("9")); }), "cannot write the report file '" + dir.file("9") + "': too many files open for writing at once");
     EXPECT_EQ(dir.read("1"), "old\n");
     for (int i = 1; i <= 8; ++i) open[i - 1]->stream() << i, open[i - 1]->commit();
     for (int i = 1; i <= 8; ++i) EXPECT_EQ(dir.read(std::to_string(i)), std::to_string(i));

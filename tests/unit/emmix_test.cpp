@@ -51,8 +51,6 @@ TEST(EmmixRun, WritesTheScriptOverAnOldOneAndFeedsItToTheProgram)
         const struct timespec ahead[2] = {{::time(nullptr) + 3600, 0}, {::time(nullptr) + 3600, 0}};
         ASSERT_EQ(::utimensat(AT_FDCWD, dir.write("pts.param", "0\n").c_str(), ahead, 0), 0);
         const io_scratch::InDirectory here(dir.path());
-        std::string refusal;
-        try { emmix("pts.dat.std", "pts.param", 45, 3, 2, 6, 4, 'U'); } catch (const RunError& e) { refusal = e.what(); }
-        EXPECT_EQ(refusal, "./emmix left no parameter file 'pts.param' newer than its answer script; nothing to score");
+        EXPECT_EQ(io_scratch::refusal([] { emmix("pts.dat.std", "pts.param", 45, 3, 2, 6, 4, 'U'); }), "./emmix left no parameter file 'pts.param' newer than its answer script; nothing to score");
     }
 }

@@ -10,6 +10,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "common/settings.h"
+
 namespace io_scratch {
 
 struct ScratchDir {  // a fresh temporary directory, removed with its files at the end
@@ -31,6 +33,18 @@ struct InDirectory {  // runs with the working directory changed, restoring it a
     ~InDirectory() { (void)!::chdir(old); }
     char old[4096];
 };
+
+// The message of the RunError that f throws; empty when it throws none.
+template <class F>
+std::string refusal(F f)
+{
+    try {
+        f();
+    } catch (const mixrank::RunError& e) {
+        return e.what();
+    }
+    return "";
+}
 
 struct CaptureStdout {  // collects what is written to std::cout while it lives
     ~CaptureStdout() { std::cout.rdbuf(old); }

@@ -5,15 +5,6 @@
 
 using namespace risk_support;
 
-TEST(KernelMatrices, VarianceDividesByNMinusOneAndScalingDividesWithoutCentring)
-{
-    const Settings s(4, 2, 0.5);
-    Matrix x = mat(4, 2, {1, 10, 2, 30, 3, 20, 4, 40});
-    scale_columns(x);
-    EXPECT_DOUBLE_EQ(x(3, 1), 3.0 / std::sqrt(5.0 / 3.0));
-    EXPECT_DOUBLE_EQ(x(3, 2), 20.0 / std::sqrt(500.0 / 3.0));
-}
-
 // The kernel step never stores the kernel: its summary and its product with a block of columns
 // must equal the whole-matrix forms. n = 1100 spans several blocks of rows and of columns; with
 // h = 8 the kernel is nearly constant and centring it cancels almost everything.

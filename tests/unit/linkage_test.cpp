@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/settings.h"
+#include "io_scratch.h"
 #include "starts/linkage.h"
 
 using namespace mixrank;
@@ -105,13 +106,9 @@ TEST(Linkage, ALargeTableIsReleasedWhenTheCallReturns)
 {
     unsigned short state[3] = {5, 6, 7};
     const Matrix x = sample_points(800, 2, 0, state);
-    const auto in_use = [] {
-        const struct mallinfo2 m = mallinfo2();
-        return m.uordblks + m.hblkhd;
-    };
-    const std::size_t before = in_use();
+    const std::size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;
     const std::vector<int> labels = ints(linkage(x, 3, 'a'));
-    EXPECT_LT(in_use(), before + 500000);
+    EXPECT_LT(mallinfo2().uordblks + mallinfo2().hblkhd, before + 500000);
     EXPECT_EQ(*std::max_element(labels.begin(), labels.end()), 3);
 }
 
@@ -123,12 +120,8 @@ TEST(Linkage, RunsNeedingMoreMemoryThanTheLimitAreRefusedWithTheSize)
         {50000, 6, 20e9, ""}, {50000, 2, 9.9e9, " need 10.0 GB"}, {80000, 1, 1.0, ""},  // 1 component: no linkage
         {std::size_t(3) << 30, 3, 1e18, " need 41505174668.4 GB"}};  // more bytes than 64 bits count
     for (const auto& c : cases) {
-        std::string refusal;
-        try {
-            check_linkage_memory(c.n, 4, c.max, static_cast<std::size_t>(c.limit));
-        } catch (const RunError& e) {
-            refusal = e.what();
-        }
+        const std::string refusal =
+            io_scratch::refusal([&] { check_linkage_memory(c.n, 4, c.max, static_cast<std::size_t>(c.limit)); });
         EXPECT_EQ(refusal.empty(), !*c.refusal) << c.n << " " << refusal;
         EXPECT_NE(refusal.find(c.refusal), std::string::npos) << refusal;
     }

@@ -1,6 +1,5 @@
-// The risk step, which never forms an n x n matrix, against the plain whole-matrix forms: every
-// column of the table for several models of both covariance types, on data small enough for the
-// n x n projection; and what the step prints.
+// The risk step, which forms no n x n matrix, against the plain whole-matrix forms (every column of the table
+// for models of both covariance types, on data small enough for the n x n projection), and what it prints.
 #include <gtest/gtest.h>
 
 #include <type_traits>
