@@ -104,12 +104,11 @@ TEST(AtomicFile, ReplacesOnCommitOnlyKeepingTheModeAndRefusesANinthOpenFile)
     AtomicFile("report file", dir.file("1")).stream() << "half";  // never committed
     std::vector<std::unique_ptr<AtomicFile>> open;
     for (int i = 1; i <= 8; ++i) open.emplace_back(new AtomicFile("report file", dir.file(std::to_string(i))));
+    EXPECT_EQ(dir.entries("."), 8);  // each one's bytes wait in a hidden file beside it, .<name>.XXXXXX
     EXPECT_EQ(io_scratch::refusal([&] { AtomicFile("report file", dir.file("9")); }), "cannot write the report file '" + dir.file("9") + "': too many files open for writing at once");
     EXPECT_EQ(dir.read("1"), "old\n");
     for (int i = 1; i <= 8; ++i) open[i - 1]->stream() << i, open[i - 1]->commit();
     for (int i = 1; i <= 8; ++i) EXPECT_EQ(dir.read(std::to_string(i)), std::to_string(i));
-    struct stat st;
-    EXPECT_TRUE(::stat(dir.file("1").c_str(), &st) == 0 && (st.st_mode & 0777) == 0640);
+    EXPECT_EQ(std::filesystem::status(dir.file("1")).permissions(), std::filesystem::perms(0640));
     EXPECT_EQ(dir.entries(), 8) << "a temporary file is left";
-    EXPECT_THROW(AtomicFile("report file", dir.file("absent/t")), RunError);
 }

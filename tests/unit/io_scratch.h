@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -23,7 +24,8 @@ struct ScratchDir {  // a fresh temporary directory, removed with its files at t
     { std::ofstream(file(name), std::ios::binary) << content; return file(name); }
     std::string read(const std::string& name) const
     { std::ostringstream s; s << std::ifstream(file(name), std::ios::binary).rdbuf(); return s.str(); }
-    long entries() const { return std::distance(std::filesystem::directory_iterator(path_), {}); }
+    long entries(const std::string& prefix = "") const  // of the names that begin with prefix
+    { return std::count_if(std::filesystem::directory_iterator(path_), {}, [&](const auto& e) { return e.path().filename().string().rfind(prefix, 0) == 0; }); }
     std::string path_ = "/tmp/mixrank_unit_XXXXXX";
 };
 
