@@ -79,6 +79,7 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         {"", {}, "", "the data file 'bad.dat' holds no lines"},
         {nullptr, {"-i", "fifo.dat"}, "", "the data file 'fifo.dat' holds no lines"},
         {nullptr, {"-i", "/dev/zero"}, "", "the data file '/dev/zero' is not a regular file or a pipe"},
+        {nullptr, {"-i", "/proc/self/mem"}, "", "cannot read the data file '/proc/self/mem': Input/output error"},  // read at offset 0
         {longline.c_str(), {}, "", "cannot read the data file 'bad.dat': a line is longer than 199 characters; give its size with -n and -d"},
         // a token is one whole number as strtod reads it, refused where it stands
         {"x y\n1 2\n3 4\n5 6\n", {}, "", "row 1, column 1 " + bad + "is not a number: 'x'"},
@@ -94,7 +95,7 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         {nullptr, {"-1", "-g", "2", "-i", "link.dat", "-u"}, "", "the report 'link.unequal.risk' would replace the data file" + clash},
         {nullptr, {"-1", "-g", "2", "-p", "sample.out"}, "", "the parameter file 'sample.out' is removed at the end of every run" + clash},
         {nullptr, {"-p", "nodir/x.param"}, "", "cannot create the parameter file 'nodir/x.param': No such file or directory"},
-        {nullptr, {"-p", "/dev/full"}, "", "cannot write the parameter file '/dev/full': it exists and is not a regular file"},
+        {nullptr, {"-p", "fifo.dat"}, "", "cannot write the parameter file 'fifo.dat': it exists and is not a regular file"},
         // sizes past the matrix library's int, refused before the file is read
         {nullptr, {"-n", "65536", "-d", "65537"}, "", "the data matrix of 65536 x 65537 numbers would need 34.4 GB" + limit},
         {nullptr, {"-n", "110000000", "-d", "2", "-g", "6"}, "", "the score matrix of the model with 6 components of 110000000 x 21 numbers would need 18.5 GB" + limit},

@@ -40,11 +40,7 @@ struct InDirectory {  // runs with the working directory changed, restoring it a
 template <class F>
 std::string refusal(F f)
 {
-    try {
-        f();
-    } catch (const mixrank::RunError& e) {
-        return e.what();
-    }
+    try { f(); } catch (const mixrank::RunError& e) { return e.what(); }
     return "";
 }
 
