@@ -102,8 +102,11 @@ TEST(AtomicFile, ReplacesOnCommitOnlyKeepingTheModeAndRefusesANinthOpenFile)
     const io_scratch::ScratchDir dir;
     ::chmod(dir.write("1", "old\n").c_str(), 0640);
     AtomicFile("report file", dir.file("1")).stream() << "half";  // never committed
+    auto done = std::make_unique<AtomicFile>("report file", dir.file("1"));
+    done->stream() << "old\n", done->commit();  // its slot is free again while the object lives on
     std::vector<std::unique_ptr<AtomicFile>> open;
     for (int i = 1; i <= 8; ++i) open.emplace_back(new AtomicFile("report file", dir.file(std::to_string(i))));
+    done.reset();  // and its end leaves the slot's next holder alone
     EXPECT_EQ(dir.entries("."), 8);  // each one's bytes wait in a hidden file beside it, .<name>.XXXXXX
     EXPECT_EQ(io_scratch::refusal([&] { AtomicFile("report file", dir.file("9")); }), "cannot write the report file '" + dir.file("9") + "': too many files open for writing at once");
     EXPECT_EQ(dir.read("1"), "old\n");
