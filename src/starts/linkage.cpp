@@ -1,16 +1,12 @@
 #include "starts/linkage.h"
 
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <limits>
+#include <map>
 #include <memory>
-#include <mutex>
-#include <new>
 #include <sstream>
 #include <vector>
 
@@ -29,58 +25,10 @@ constexpr double kSentinel = 100000000000.0;
 // "No slot": an empty cache entry or an empty member list.
 constexpr std::size_t kNone = std::numeric_limits<std::size_t>::max();
 
-// Working memory of one merge sequence besides its table, per observation:
-// the transposed data (8 bytes a column) and the caches, member lists and
-// winner tree (about 100 bytes).
+// Working memory of one merge sequence besides its stored columns, per
+// observation: the transposed data (8 bytes a column) and the caches, member
+// lists and winner tree (about 100 bytes).
 constexpr std::size_t kBytesPerObservation = 128;
-
-// An uninitialised array of doubles. Large ones are laid out on 2 MB
-// boundaries and offered to the kernel for huge pages: filling a table of
-// gigabytes page by page would otherwise cost seconds in page faults.
-class Workspace {
-public:
-    Workspace() = default;
-    Workspace(const Workspace&) = delete;
-    Workspace& operator=(const Workspace&) = delete;
-    ~Workspace() { std::free(data_); }
-
-    // Room for at least `count` doubles; earlier contents are not kept.
-    double* reserve(std::size_t count)
-    {
-        if (count <= capacity_ && data_ != nullptr) return data_;
-        std::free(data_);
-        data_ = nullptr;
-        capacity_ = 0;
-        constexpr std::size_t kHuge = std::size_t(2) << 20;
-        if (count > std::numeric_limits<std::size_t>::max() / sizeof(double) - kHuge) throw std::bad_alloc();
-        const std::size_t bytes = count * sizeof(double);
-        void* p = nullptr;
-        if (bytes < kHuge) {
-            p = std::malloc(bytes == 0 ? 1 : bytes);
-            if (p == nullptr) throw std::bad_alloc();
-        } else {
-            const std::size_t rounded = (bytes + kHuge - 1) / kHuge * kHuge;
-            if (posix_memalign(&p, kHuge, rounded) != 0) throw std::bad_alloc();
-#ifdef MADV_HUGEPAGE
-            madvise(p, rounded, MADV_HUGEPAGE);  // a hint only; failure changes nothing
-#endif
-        }
-        data_ = static_cast<double*>(p);
-        capacity_ = count;
-        return data_;
-    }
-
-private:
-    double* data_ = nullptr;
-    std::size_t capacity_ = 0;
-};
-
-// Entries of the strict lower triangle of an n x n table.
-std::size_t triangle_entries(std::size_t n)
-{
-    if (n < 2) return 0;
-    return n % 2 == 0 ? n / 2 * (n - 1) : (n - 1) / 2 * n;
-}
 
 // The data by rows, as the matrix holds them; read without the matrix
 // library, so from any thread.
@@ -89,87 +37,101 @@ struct Rows {
     std::size_t n, p;
 };
 
-// The strict lower triangle of the slot-by-slot dissimilarities, packed
-// column by column: column c holds rows c+1..n-1 contiguously, entry (r, c)
-// at position r - c - 1 of column(c). The upper triangle is not kept: a
-// merge rewrites the lower part of the surviving column from lower-triangle
-// entries only, and the closest pair is sought below the diagonal, so upper
-// values never reach a decision.
-class LowerTriangle {
+// The strict lower triangle of the slot-by-slot dissimilarities, column by
+// column: entry (r, c), r > c, is entry r - c - 1 of column c. The upper
+// triangle is not kept: a merge rewrites the lower part of the surviving
+// column from lower-triangle entries only, and the closest pair is sought
+// below the diagonal, so upper values never reach a decision.
+//
+// A column that no merge has changed holds the squared distances of the data
+// and is not stored: its entries are computed whenever they are read. Only
+// the columns that merges have rewritten are kept, and a column's storage
+// serves another column once its slot is merged away. So a merge sequence
+// holds a small part of the n (n - 1) / 2 entries at a time, instead of a
+// table whose fresh pages alone cost seconds to map.
+class Dissimilarities {
 public:
-    // With spread, the columns are filled by all threads.
-    LowerTriangle(const Rows& x, Workspace& space, bool spread) : n_(x.n), d_(space.reserve(triangle_entries(x.n)))
+    explicit Dissimilarities(const Rows& x) : n_(x.n), p_(x.p), xt_(x.n * x.p), column_(x.n), capacity_(x.n, 0)
     {
-        // Squared differences added dimension by dimension into each column,
-        // from the data held column by column: the same sums in the same
-        // order as one entry at a time, in contiguous passes.
-        std::vector<double> xt(n_ * x.p);
         for (std::size_t i = 0; i < n_; ++i)
-            for (std::size_t j = 0; j < x.p; ++j) xt[j * n_ + i] = x.x[i * x.p + j];
-        const std::vector<std::size_t> bounds = column_ranges(spread ? 8 * thread_count() : 1);
-        const auto fill = [&](std::size_t piece) {
-            for (std::size_t c = bounds[piece]; c < bounds[piece + 1]; ++c) fill_column(xt, x.p, c);
-        };
-        if (spread)
-            parallel_for(bounds.size() - 1, fill);
-        else
-            fill(0);
+            for (std::size_t j = 0; j < p_; ++j) xt_[j * n_ + i] = x.x[i * p_ + j];
     }
 
-    double* column(std::size_t c) { return d_ + offset(c); }
-    const double* column(std::size_t c) const { return d_ + offset(c); }
+    // Calls f(values, k, count) for the entries k..k+count-1 of column c, in
+    // pieces that together cover [from, from + len).
+    template <class F>
+    void visit(std::size_t c, std::size_t from, std::size_t len, F f) const
+    {
+        if (column_[c]) {
+            f(column_[c].get() + from, from, len);
+            return;
+        }
+        double piece[kPiece];
+        for (std::size_t k = from; k < from + len; k += kPiece) {
+            const std::size_t count = std::min(kPiece, from + len - k);
+            distances(c, k, count, piece);
+            f(piece, k, count);
+        }
+    }
+
+    // Column c, stored from now on (its distances computed first).
+    double* writable(std::size_t c)
+    {
+        if (column_[c]) return column_[c].get();
+        const std::size_t len = n_ - 1 - c;
+        const auto spare = spare_.lower_bound(len);
+        if (spare != spare_.end()) {
+            capacity_[c] = spare->first;
+            column_[c] = std::move(spare->second);
+            spare_.erase(spare);
+        } else {
+            capacity_[c] = len;
+            column_[c].reset(new double[len == 0 ? 1 : len]);
+        }
+        distances(c, 0, len, column_[c].get());
+        return column_[c].get();
+    }
+
+    // Column c is not read again: its storage goes to the spares.
+    void release(std::size_t c)
+    {
+        if (column_[c]) spare_.emplace(capacity_[c], std::move(column_[c]));
+    }
 
 private:
-    std::size_t offset(std::size_t c) const { return triangle_entries(n_) - triangle_entries(n_ - c); }
+    static constexpr std::size_t kPiece = 512;
 
-    // Entry (r, c) = sum over the dimensions j, in order, of the squared
-    // difference of x(r, j) and x(c, j), from 0.0: the sum one entry at a
-    // time, formed for two rows at once.
-    void fill_column(const std::vector<double>& xt, std::size_t p, std::size_t c)
+    // Entries k..k+count-1 of column c into out: entry (r, c) is the sum over
+    // the dimensions j, in order and from 0.0, of the squared difference of
+    // x(r, j) and x(c, j), formed for two rows at once.
+    void distances(std::size_t c, std::size_t k, std::size_t count, double* out) const
     {
-        if (c + 1 >= n_) return;
-        double* col = column(c);
-        const std::size_t len = n_ - 1 - c;
-        const double* first = xt.data() + c + 1;  // x(c + 1, 0); dimension j is n_ further on
-        std::size_t k = 0;
-        for (; k + 2 <= len; k += 2) {
+        const double* first = xt_.data() + c + 1 + k;  // x(c + 1 + k, 0); dimension j is n_ further on
+        std::size_t m = 0;
+        for (; m + 2 <= count; m += 2) {
             lanes::Pair sum = {0.0, 0.0};
-            for (std::size_t j = 0; j < p; ++j) {
+            for (std::size_t j = 0; j < p_; ++j) {
                 const double* xj = first + j * n_;
-                const lanes::Pair diff = lanes::load(xj + k) - xj[-1];
+                const lanes::Pair diff = lanes::load(xj + m) - xt_[j * n_ + c];
                 sum += diff * diff;
             }
-            lanes::store(col + k, sum);
+            lanes::store(out + m, sum);
         }
-        for (; k < len; ++k) {
+        for (; m < count; ++m) {
             double sum = 0.0;
-            for (std::size_t j = 0; j < p; ++j) {
-                const double* xj = first + j * n_;
-                const double diff = xj[k] - xj[-1];
+            for (std::size_t j = 0; j < p_; ++j) {
+                const double diff = first[j * n_ + m] - xt_[j * n_ + c];
                 sum += diff * diff;
             }
-            col[k] = sum;
+            out[m] = sum;
         }
     }
 
-    // Column ranges [bounds[t], bounds[t+1]) of about equal numbers of
-    // entries, `pieces` of them at most.
-    std::vector<std::size_t> column_ranges(std::size_t pieces) const
-    {
-        std::vector<std::size_t> bounds{0};
-        const std::size_t total = triangle_entries(n_);
-        std::size_t c = 0;
-        for (std::size_t t = 1; t < pieces && c < n_; ++t) {
-            const double share = static_cast<double>(total) * t / pieces;
-            while (c < n_ && static_cast<double>(offset(c)) < share) ++c;
-            if (c > bounds.back()) bounds.push_back(c);
-        }
-        bounds.push_back(n_);
-        return bounds;
-    }
-
-    std::size_t n_;
-    double* d_;
+    std::size_t n_, p_;
+    std::vector<double> xt_;  // the data dimension by dimension
+    std::vector<std::unique_ptr<double[]>> column_;
+    std::vector<std::size_t> capacity_;
+    std::multimap<std::size_t, std::unique_ptr<double[]>> spare_;
 };
 
 // Member lists of the clusters, one per slot, by observation index.
@@ -233,16 +195,20 @@ void combine(const double* from, double* into, std::size_t len, char type)
 // A winner tree over the columns keeps that smallest triple at its root.
 class Merger {
 public:
-    Merger(const Rows& x, char type, Workspace& space, bool spread)
-        : dist_(x, space, spread), type_(type), n_(x.n), alive_(n_, 1), value_(n_, 0.0), row_(n_, kNone),
-          members_(n_), leaves_(1)
+    // With spread, the first scans of the columns run on all threads.
+    Merger(const Rows& x, char type, bool spread)
+        : dist_(x), type_(type), n_(x.n), alive_(n_, 1), value_(n_, 0.0), row_(n_, kNone), members_(n_),
+          leaves_(1)
     {
         while (leaves_ < n_) leaves_ *= 2;
         winner_.assign(2 * leaves_, kNone);
-        for (std::size_t c = 0; c < n_; ++c) {
-            rescan(c);
-            winner_[leaves_ + c] = row_[c] == kNone ? kNone : c;
-        }
+        const std::size_t pieces = spread ? 8 * thread_count() : 1;
+        parallel_for(pieces, [&](std::size_t piece) {
+            // Piece t scans the columns c with c % pieces == t: the long and
+            // the short columns spread evenly.
+            for (std::size_t c = piece; c < n_; c += pieces) rescan(c);
+        });
+        for (std::size_t c = 0; c < n_; ++c) winner_[leaves_ + c] = row_[c] == kNone ? kNone : c;
         for (std::size_t k = leaves_ - 1; k >= 1; --k) winner_[k] = first(winner_[2 * k], winner_[2 * k + 1]);
     }
 
@@ -256,7 +222,11 @@ public:
         alive_[j1] = 0;
         row_[j1] = kNone;
         update(j1);
-        combine(dist_.column(j1) + (i1 - j1), dist_.column(i1), n_ - 1 - i1, type_);
+        double* into = dist_.writable(i1);
+        dist_.visit(j1, i1 - j1, n_ - 1 - i1, [&](const double* from, std::size_t k, std::size_t count) {
+            combine(from, into + (k - (i1 - j1)), count, type_);
+        });
+        dist_.release(j1);
         rescan(i1);
         update(i1);
         // Row j1 is gone: only columns below it can have cached it.
@@ -273,16 +243,18 @@ public:
 private:
     void rescan(std::size_t c)
     {
-        const double* col = dist_.column(c);
         std::size_t best = kNone;
         double min = kSentinel;  // so v < min also keeps v below the sentinel
-        for (std::size_t r = c + 1; r < n_; ++r) {
-            const double v = col[r - c - 1];
-            if (v > 0.0 && v < min && alive_[r]) {
-                min = v;
-                best = r;
+        dist_.visit(c, 0, n_ - 1 - c, [&](const double* col, std::size_t k, std::size_t count) {
+            for (std::size_t m = 0; m < count; ++m) {
+                const double v = col[m];
+                const std::size_t r = c + 1 + k + m;
+                if (v > 0.0 && v < min && alive_[r]) {
+                    min = v;
+                    best = r;
+                }
             }
-        }
+        });
         row_[c] = best;
         value_[c] = min;
     }
@@ -304,7 +276,7 @@ private:
         for (std::size_t k = (leaves_ + c) / 2; k >= 1; k /= 2) winner_[k] = first(winner_[2 * k], winner_[2 * k + 1]);
     }
 
-    LowerTriangle dist_;
+    Dissimilarities dist_;
     char type_;
     std::size_t n_;
     std::vector<char> alive_;
@@ -316,12 +288,11 @@ private:
 };
 
 // The labels for K = Kmax down to Kmin from one merge sequence.
-std::vector<std::vector<double>> partitions(const Rows& x, int Kmax, int Kmin, char type, Workspace& space,
-                                            bool spread)
+std::vector<std::vector<double>> partitions(const Rows& x, int Kmax, int Kmin, char type, bool spread)
 {
     std::vector<std::vector<double>> out;
     if (Kmin > Kmax) return out;
-    Merger merger(x, type, space, spread);
+    Merger merger(x, type, spread);
     std::size_t clusters = x.n;
     bool stuck = false;  // nothing mergeable is left: every smaller K keeps these labels
     for (int K = Kmax; K >= Kmin; --K) {
@@ -404,41 +375,21 @@ std::vector<std::vector<std::vector<double>>> linkage_labels(const Matrix& x, in
 {
     const Rows rows = rows_of(x);
     std::vector<std::vector<std::vector<double>>> out(types.size());
-    // The rules side by side, each with its own table, when the tables that
-    // are live at once take at most half of the memory this machine can give;
-    // otherwise one after another in one table, each table filled by all
-    // threads.
+    // The rules side by side when the tables they could need at most fit
+    // into half of the memory this machine can give; otherwise one after
+    // another, each starting on all threads.
     const std::size_t at_once = std::min<std::size_t>(types.size(), thread_count());
     if (at_once > 1 && static_cast<double>(at_once) * linkage_bytes(rows.n, rows.p) <= limit / 2.0) {
-        // A table freed by a finished rule serves the next one: its pages
-        // are already mapped.
-        std::mutex pool_lock;
-        std::vector<std::unique_ptr<Workspace>> pool;
-        parallel_for(types.size(), [&](std::size_t t) {
-            std::unique_ptr<Workspace> space;
-            {
-                std::lock_guard<std::mutex> lock(pool_lock);
-                if (!pool.empty()) {
-                    space = std::move(pool.back());
-                    pool.pop_back();
-                }
-            }
-            if (!space) space = std::make_unique<Workspace>();
-            out[t] = partitions(rows, Kmax, Kmin, types[t], *space, false);
-            std::lock_guard<std::mutex> lock(pool_lock);
-            pool.push_back(std::move(space));
-        });
+        parallel_for(types.size(), [&](std::size_t t) { out[t] = partitions(rows, Kmax, Kmin, types[t], false); });
     } else {
-        Workspace space;
-        for (std::size_t t = 0; t < types.size(); ++t) out[t] = partitions(rows, Kmax, Kmin, types[t], space, true);
+        for (std::size_t t = 0; t < types.size(); ++t) out[t] = partitions(rows, Kmax, Kmin, types[t], true);
     }
     return out;
 }
 
 std::vector<ColumnVector> linkage_partitions(const Matrix& x, int Kmax, int Kmin, char type)
 {
-    Workspace space;
-    return column_vectors(partitions(rows_of(x), Kmax, Kmin, type, space, true));
+    return column_vectors(partitions(rows_of(x), Kmax, Kmin, type, true));
 }
 
 std::vector<std::vector<ColumnVector>> linkage_partitions(const Matrix& x, int Kmax, int Kmin,

@@ -14,8 +14,9 @@ ColumnVector linkage(const Matrix& x, int K, char type);
 
 // The partitions into K = Kmax, Kmax - 1, ..., Kmin groups, in that order,
 // from one merge sequence; entry m equals linkage(x, Kmax - m, type). Empty
-// when Kmin > Kmax. The working memory (half an n x n table of doubles) is
-// released before it returns.
+// when Kmin > Kmax. The working memory (the columns of the dissimilarity
+// table that merges have rewritten; at most half an n x n table of doubles)
+// is released before it returns.
 std::vector<ColumnVector> linkage_partitions(const Matrix& x, int Kmax, int Kmin, char type);
 
 // The same for every rule letter of `types`: entry t holds
@@ -23,9 +24,10 @@ std::vector<ColumnVector> linkage_partitions(const Matrix& x, int Kmax, int Kmin
 std::vector<std::vector<ColumnVector>> linkage_partitions(const Matrix& x, int Kmax, int Kmin,
                                                           const std::string& types);
 
-// Bytes of memory a merge sequence needs for n observations of dimension p:
-// the packed lower triangle of the dissimilarities (n (n - 1) / 2 doubles, 10
-// GB at n = 50,000) and a little per observation.
+// Bytes of memory a merge sequence may need for n observations of dimension
+// p: at most the lower triangle of the dissimilarities (n (n - 1) / 2
+// doubles, 10 GB at n = 50,000; usually a small part of it is stored at a
+// time) and a little per observation.
 double linkage_bytes(std::size_t n, std::size_t p);
 
 // Memory the machine can give now (MemAvailable from /proc/meminfo, or the
@@ -42,9 +44,9 @@ void check_linkage_memory(std::size_t n, std::size_t p, int max, std::size_t lim
 
 // The same partitions as linkage_partitions for several rules, with the labels
 // in plain arrays: entry [t][m] holds the labels (1..K as doubles) of
-// linkage(x, Kmax - m, types[t]). The rules run side by side, each in its own
-// table, when the tables live at once fit into half of `limit`; otherwise one
-// after another in one table that all threads fill.
+// linkage(x, Kmax - m, types[t]). The rules run side by side when the tables
+// they could need at once fit into half of `limit`; otherwise one after
+// another, each one's first column scans on all threads.
 std::vector<std::vector<std::vector<double>>> linkage_labels(const Matrix& x, int Kmax, int Kmin,
                                                              const std::string& types,
                                                              std::size_t limit = linkage_memory_limit());

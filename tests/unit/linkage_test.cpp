@@ -100,8 +100,7 @@ TEST(Linkage, SameMergesAsPlainFormOnRandomAndTieHeavyData)
     expect_same_as_reference(sample_points(40, 2, 0, state, 4e5), "some at the 1e11 sentinel");
 }
 
-// A table of 2 MB or more (here 2.6 MB) is laid out for huge pages; like a small one it is given back
-// before the call returns.
+// The columns a merge sequence stores (here up to 2.6 MB of them) are given back before the call returns.
 TEST(Linkage, ALargeTableIsReleasedWhenTheCallReturns)
 {
     unsigned short state[3] = {5, 6, 7};
