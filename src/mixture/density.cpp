@@ -3,6 +3,7 @@
 #include <cmath>
 #include <iostream>
 
+#include "common/libm.h"
 #include "mixture/lanes.h"
 
 namespace mixrank {
@@ -122,7 +123,7 @@ double mixture_loglik(const Matrix& x, const Record& fit)
     for (int i = 0; i < n; ++i) {
         double temp = 0.0;
         for (int k = 0; k < K; ++k) temp += fit.pi(k + 1) * dens[k](xs + i * p, ms + k * p);
-        loglik += std::log(temp);
+        loglik += libm_log(temp);
     }
     return loglik;
 }

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "common/libm.h"
 #include "common/matrix.h"
 #include "mixture/records.h"
 
@@ -48,7 +49,7 @@ public:
     void quadratic_forms(const Real* columns, std::size_t stride, std::size_t count, const Real* mean,
                          Scratch& scratch) const;
     // The density for a quadratic form from quadratic_forms.
-    double at(double q) const { return std::exp(q / -2.0) * sqrt_det_ / constant_; }
+    double at(double q) const { return libm_exp(q / -2.0) * sqrt_det_ / constant_; }
 
 private:
     int p_;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstddef>
 
+#include "common/libm.h"
 #include "mixture/lanes.h"
 
 namespace mixrank {
@@ -69,7 +70,7 @@ double expectation(const FitData& x, const std::vector<NormalDensity>& dens, Sta
             for (std::size_t k = 0; k < K; ++k) temp += wi[k];
             const double scale = 1.0 / temp;
             for (std::size_t k = 0; k < K; ++k) wi[k] *= scale;
-            loglik += std::log(temp);
+            loglik += libm_log(temp);
             s.last_density = temp;
         }
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "common/libm.h"
 #include "common/settings.h"
 #include "mixture/density.h"
 
@@ -28,7 +29,7 @@ double KernelBlocks::value(std::size_t i, std::size_t j) const
         const double diff = xj[c] - xi[c];
         tempval += diff * diff;
     }
-    return std::exp((tempval * -0.5) / hh_) / norm_;
+    return libm_exp((tempval * -0.5) / hh_) / norm_;
 }
 
 // The same arithmetic as value(), arranged so that the distances of a row
@@ -48,7 +49,7 @@ void KernelBlocks::block(std::size_t top, std::size_t rows, std::size_t left, st
             }
             o[b] = (tempval * -0.5) / hh_;
         }
-        std::transform(o, o + cols, o, [this](double v) { return std::exp(v) / norm_; });
+        std::transform(o, o + cols, o, [this](double v) { return libm_exp(v) / norm_; });
     }
 }
 

@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <vector>
+
+#include "common/libm.h"
 #include "risk/projection.h"
 #include "risk_support.h"
 
@@ -79,4 +83,16 @@ TEST(Projection, InstabilityFallsOnTheSameSideAsTheFullProjection)
         for (double limit : {1e-5, fast * 1.001, fast * 0.999})
             EXPECT_EQ(projection_unstable(M, Q, limit), fast > limit) << c.eps << " limit " << limit;
     }
+}
+
+// The kernel and the densities call the C library's exp and log past its errno wrapper: every value, down to
+// the underflow to subnormals and zero, the overflow and not-a-number, must be the one std::exp and std::log give.
+TEST(KernelMatrices, DirectExpAndLogGiveTheLibraryValuesBitForBit)
+{
+    const auto bits = [](double v) { return std::vector<unsigned char>((unsigned char*)&v, (unsigned char*)&v + 8); };
+    std::vector<double> values = {-745.2, -744.4, -800.0, 709.78, 710.0, -0.0, 0.0, 1e-310, NAN, -INFINITY};
+    for (double v = -760.0; v < 720.0; v += 0.0137) values.push_back(v);
+    int wrong = 0;
+    for (double v : values) wrong += bits(libm_exp(v)) != bits(std::exp(v)) || bits(libm_log(v)) != bits(std::log(v));
+    EXPECT_EQ(wrong, 0);
 }
