@@ -38,26 +38,50 @@ namespace {
 // centred entries are summed one by one instead.
 constexpr double kMaxCancellation = 100.0;
 
-// Row means and total of the kernel (each row summed in column order, the
-// total as the sum of the row sums in row order), and the sum of squares of
-// every row.
+// Row means and total of the kernel, and the sum of squares of every row.
+// A row's sums are formed over each tile's columns in column order, and
+// those added in tile order; the total is the sum of the row sums in row
+// order.
 void kernel_means(const KernelBlocks& k, KernelSummary& r, std::vector<double>& sums,
                   std::vector<double>& squares)
 {
-    const std::size_t n = k.size();
+    const std::size_t n = k.size(), T = KernelBlocks::kTile;
     sums.assign(n, 0.0);
     squares.assign(n, 0.0);
-    k.for_each_block([&](std::size_t top, std::size_t rows, std::size_t, std::size_t cols, double* block) {
+    // The sums of tile row I over tile J, from J * T on, until the row is
+    // complete.
+    std::vector<double> part_sums(n), part_squares(n);
+    const auto tile = [&](std::size_t J, std::size_t top, std::size_t rows, std::size_t left, std::size_t cols,
+                          const double* v) {
         for (std::size_t a = 0; a < rows; ++a) {
-            double sum = sums[top + a], sq = squares[top + a];
+            double sum = 0.0, sq = 0.0;
             for (std::size_t b = 0; b < cols; ++b) {
-                const double v = block[a * cols + b];
-                sum += v;
-                sq += v * v;
+                sum += v[a * cols + b];
+                sq += v[a * cols + b] * v[a * cols + b];
             }
-            sums[top + a] = sum;
-            squares[top + a] = sq;
+            part_sums[J * T + a] = sum;
+            part_squares[J * T + a] = sq;
         }
+        if (left == top) return;
+        // Transposed, the tile gives the rows of tile row J their sums over
+        // the columns of tile I, the next in their order.
+        std::vector<double> sum(cols, 0.0), sq(cols, 0.0);
+        for (std::size_t a = 0; a < rows; ++a)
+            for (std::size_t b = 0; b < cols; ++b) {
+                sum[b] += v[a * cols + b];
+                sq[b] += v[a * cols + b] * v[a * cols + b];
+            }
+        for (std::size_t b = 0; b < cols; ++b) {
+            sums[left + b] += sum[b];
+            squares[left + b] += sq[b];
+        }
+    };
+    k.for_each_tile(tile, [&](std::size_t I, std::size_t top, std::size_t rows) {
+        for (std::size_t a = 0; a < rows; ++a)
+            for (std::size_t J = 0; J <= I; ++J) {
+                sums[top + a] += part_sums[J * T + a];
+                squares[top + a] += part_squares[J * T + a];
+            }
     });
     r.meanofrow.resize(n);
     double total = 0.0;
@@ -156,23 +180,39 @@ void centred_kernel_product(const Matrix& x, const KernelSummary& kernel, const 
                             std::vector<double>& Y)
 {
     const KernelBlocks k(x);
-    const std::size_t n = k.size();
+    const std::size_t n = k.size(), T = KernelBlocks::kTile;
     Y.assign(n * cols, 0.0);
     if (cols == 0) return;
-    // Each block's product is one BLAS call on the calling worker thread.
+    // Each tile's products are BLAS calls on the calling worker thread.
     openblas_set_num_threads(1);
+    // The products of tile row I's tiles with B, tile J's from row J * T on,
+    // until the row is complete.
+    std::vector<double> parts(n * cols);
     // The rescaled entries are formed as the matrix library divides by a
     // scalar: times the reciprocal.
     const double factor = 1.0 / kernel.scale;
-    k.for_each_block([&](std::size_t top, std::size_t rows, std::size_t left, std::size_t width, double* block) {
+    const int c = static_cast<int>(cols);
+    const auto tile = [&](std::size_t J, std::size_t top, std::size_t rows, std::size_t left, std::size_t width,
+                          double* v) {
         for (std::size_t a = 0; a < rows; ++a)
             for (std::size_t b = 0; b < width; ++b) {
-                double& e = block[a * width + b];
+                double& e = v[a * width + b];
                 e = centred_entry(e, top + a, left + b, kernel) * factor;
             }
-        cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, static_cast<int>(rows), static_cast<int>(cols),
-                    static_cast<int>(width), 1.0, block, static_cast<int>(width), B + left * cols,
-                    static_cast<int>(cols), 1.0, Y.data() + top * cols, static_cast<int>(cols));
+        const int r = static_cast<int>(rows), w = static_cast<int>(width);
+        cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, r, c, w, 1.0, v, w, B + left * cols, c, 0.0,
+                    parts.data() + J * T * cols, c);
+        // Transposed, the tile adds the next term to the rows of tile row J.
+        if (left != top)
+            cblas_dgemm(CblasRowMajor, CblasTrans, CblasNoTrans, w, c, r, 1.0, v, w, B + top * cols, c, 1.0,
+                        Y.data() + left * cols, c);
+    };
+    k.for_each_tile(tile, [&](std::size_t I, std::size_t top, std::size_t rows) {
+        double* y = Y.data() + top * cols;
+        for (std::size_t J = 0; J <= I; ++J) {
+            const double* p = parts.data() + J * T * cols;
+            for (std::size_t e = 0; e < rows * cols; ++e) y[e] += p[e];
+        }
     });
 }
 

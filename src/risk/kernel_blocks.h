@@ -1,8 +1,9 @@
 // The Gaussian kernel matrix of the scaled data, evaluated block by block
-// from the data instead of being stored: the kernel step and the risk step
-// visit it row block by row block, each block of rows on one worker thread,
-// its column blocks from left to right. Every sum over a row is therefore
-// formed in column order, whatever the number of threads.
+// from the data instead of being stored. The kernel step and the risk step
+// visit its square tiles on and below the diagonal only, since the matrix is
+// symmetric entry for entry: a tile serves its rows and, transposed, the rows
+// of its columns. Sums over a row are formed tile by tile in column order
+// and added in tile order, whatever the number of threads.
 #pragma once
 
 #include <cstddef>
@@ -29,6 +30,18 @@ public:
 
     // out[a * cols + b] = K(top + a, left + b) for a < rows, b < cols.
     void block(std::size_t top, std::size_t rows, std::size_t left, std::size_t cols, double* out) const;
+
+    // Side of the tiles of for_each_tile (the last ones may be smaller).
+    static constexpr std::size_t kTile = 512;
+
+    // Visits the tiles on and below the diagonal, tile row by tile row: for
+    // tile row I, tile(J, top, rows, left, cols, values) runs for every
+    // J = 0..I side by side on the worker threads, values holding
+    // K(top + a, left + b) at a * cols + b (writable scratch space); then
+    // finish(I, top, rows) runs on the calling thread. Tile (I, J) with J < I
+    // stands for tile (J, I) too, which is its transpose.
+    template <class Tile, class Finish>
+    void for_each_tile(Tile tile, Finish finish) const;
 
     // Calls visit(top, rows, left, cols, block) for every block of the
     // matrix; the blocks of one row block are visited in column order by one
