@@ -92,6 +92,8 @@ public:
         return column_[c].get();
     }
 
+    bool stored(std::size_t c) const { return column_[c] != nullptr; }
+
     // Column c is not read again: its storage goes to the spares.
     void release(std::size_t c)
     {
@@ -185,6 +187,61 @@ void combine(const double* from, double* into, std::size_t len, char type)
     }
 }
 
+// The closest rows of every column, kKept of them at most: the mergeable
+// entries (r, c) (strictly between 0 and the sentinel) of the smallest
+// (value, row), in that order, with kNone rows after the last. A column that
+// no merge has changed keeps its values, and rows only ever die, so its
+// closest live row is the first live one of its list as long as the list
+// holds one. Found once, from the data, for every rule.
+class Nearest {
+public:
+    static constexpr std::size_t kKept = 8;
+
+    // The columns are scanned on all threads.
+    Nearest(const Dissimilarities& dist, std::size_t n)
+        : value_(n * kKept, kSentinel), row_(n * kKept, kNone)
+    {
+        const std::vector<char> all_live(n, 1);
+        const std::size_t pieces = 8 * thread_count();
+        parallel_for(pieces, [&](std::size_t piece) {
+            // Piece t scans the columns c with c % pieces == t: the long and
+            // the short columns spread evenly.
+            for (std::size_t c = piece; c < n; c += pieces) find(dist, n, c, all_live, value(c), row(c));
+        });
+    }
+
+    double* value(std::size_t c) { return &value_[c * kKept]; }
+    std::size_t* row(std::size_t c) { return &row_[c * kKept]; }
+
+    // The list of column c among the live rows, into value and row.
+    static void find(const Dissimilarities& dist, std::size_t n, std::size_t c, const std::vector<char>& live,
+                     double* value, std::size_t* row)
+    {
+        std::fill(value, value + kKept, kSentinel);
+        std::fill(row, row + kKept, kNone);
+        dist.visit(c, 0, n - 1 - c, [&](const double* col, std::size_t k, std::size_t count) {
+            for (std::size_t m = 0; m < count; ++m) {
+                const double v = col[m];
+                // Rows come in increasing order: an equal value ranks after.
+                if (!(v > 0.0 && v < value[kKept - 1])) continue;
+                const std::size_t r = c + 1 + k + m;
+                if (!live[r]) continue;
+                std::size_t at = kKept - 1;
+                for (; at > 0 && value[at - 1] > v; --at) {
+                    value[at] = value[at - 1];
+                    row[at] = row[at - 1];
+                }
+                value[at] = v;
+                row[at] = r;
+            }
+        });
+    }
+
+private:
+    std::vector<double> value_;
+    std::vector<std::size_t> row_;
+};
+
 // The merge loop. A slot that has been merged away is marked dead instead of
 // having its row and column blanked: its entries count as 0 and are never
 // read again. Entries in dead rows would stay 0 under every rule, so the
@@ -195,20 +252,17 @@ void combine(const double* from, double* into, std::size_t len, char type)
 // A winner tree over the columns keeps that smallest triple at its root.
 class Merger {
 public:
-    // With spread, the first scans of the columns run on all threads.
-    Merger(const Rows& x, char type, bool spread)
+    Merger(const Rows& x, char type, const Nearest& nearest)
         : dist_(x), type_(type), n_(x.n), alive_(n_, 1), value_(n_, 0.0), row_(n_, kNone), members_(n_),
-          leaves_(1)
+          leaves_(1), nearest_(nearest), cursor_(n_, 0)
     {
         while (leaves_ < n_) leaves_ *= 2;
         winner_.assign(2 * leaves_, kNone);
-        const std::size_t pieces = spread ? 8 * thread_count() : 1;
-        parallel_for(pieces, [&](std::size_t piece) {
-            // Piece t scans the columns c with c % pieces == t: the long and
-            // the short columns spread evenly.
-            for (std::size_t c = piece; c < n_; c += pieces) rescan(c);
-        });
-        for (std::size_t c = 0; c < n_; ++c) winner_[leaves_ + c] = row_[c] == kNone ? kNone : c;
+        for (std::size_t c = 0; c < n_; ++c) {
+            row_[c] = nearest_.row(c)[0];
+            value_[c] = nearest_.value(c)[0];
+            winner_[leaves_ + c] = row_[c] == kNone ? kNone : c;
+        }
         for (std::size_t k = leaves_ - 1; k >= 1; --k) winner_[k] = first(winner_[2 * k], winner_[2 * k + 1]);
     }
 
@@ -232,7 +286,7 @@ public:
         // Row j1 is gone: only columns below it can have cached it.
         for (std::size_t c = 0; c < j1; ++c)
             if (row_[c] == j1) {
-                rescan(c);
+                replace(c);
                 update(c);
             }
         return true;
@@ -241,6 +295,27 @@ public:
     std::vector<double> labels() const { return members_.labels(); }
 
 private:
+    // The cached row of column c died: an unchanged column moves on along its
+    // list of closest rows, and is scanned again only when that runs out.
+    void replace(std::size_t c)
+    {
+        if (dist_.stored(c)) return rescan(c);
+        const std::size_t* rows = nearest_.row(c);
+        std::size_t& at = cursor_[c];
+        while (at < Nearest::kKept && rows[at] != kNone && !alive_[rows[at]]) ++at;
+        if (at == Nearest::kKept) {
+            if (rows[Nearest::kKept - 1] == kNone) {  // no mergeable entry left
+                row_[c] = kNone;
+                value_[c] = kSentinel;
+                return;
+            }
+            Nearest::find(dist_, n_, c, alive_, nearest_.value(c), nearest_.row(c));
+            at = 0;
+        }
+        row_[c] = rows[at];
+        value_[c] = nearest_.value(c)[at];
+    }
+
     void rescan(std::size_t c)
     {
         std::size_t best = kNone;
@@ -285,14 +360,16 @@ private:
     Members members_;
     std::size_t leaves_;
     std::vector<std::size_t> winner_;  // 1-based heap layout, leaves from leaves_ on
+    Nearest nearest_;                  // this sequence's own copy
+    std::vector<std::size_t> cursor_;  // first entry of each list not known to be dead
 };
 
 // The labels for K = Kmax down to Kmin from one merge sequence.
-std::vector<std::vector<double>> partitions(const Rows& x, int Kmax, int Kmin, char type, bool spread)
+std::vector<std::vector<double>> partitions(const Rows& x, int Kmax, int Kmin, char type, const Nearest& nearest)
 {
     std::vector<std::vector<double>> out;
     if (Kmin > Kmax) return out;
-    Merger merger(x, type, spread);
+    Merger merger(x, type, nearest);
     std::size_t clusters = x.n;
     bool stuck = false;  // nothing mergeable is left: every smaller K keeps these labels
     for (int K = Kmax; K >= Kmin; --K) {
@@ -375,21 +452,25 @@ std::vector<std::vector<std::vector<double>>> linkage_labels(const Matrix& x, in
 {
     const Rows rows = rows_of(x);
     std::vector<std::vector<std::vector<double>>> out(types.size());
-    // The rules side by side when the tables they could need at most fit
-    // into half of the memory this machine can give; otherwise one after
-    // another, each starting on all threads.
+    // The lists of closest rows are found once, on all threads, for every
+    // rule. The rules then run side by side when the tables they could need
+    // at once fit into half of the memory this machine can give; otherwise
+    // one after another.
+    const Nearest nearest(Dissimilarities(rows), rows.n);
     const std::size_t at_once = std::min<std::size_t>(types.size(), thread_count());
     if (at_once > 1 && static_cast<double>(at_once) * linkage_bytes(rows.n, rows.p) <= limit / 2.0) {
-        parallel_for(types.size(), [&](std::size_t t) { out[t] = partitions(rows, Kmax, Kmin, types[t], false); });
+        parallel_for(types.size(),
+                     [&](std::size_t t) { out[t] = partitions(rows, Kmax, Kmin, types[t], nearest); });
     } else {
-        for (std::size_t t = 0; t < types.size(); ++t) out[t] = partitions(rows, Kmax, Kmin, types[t], true);
+        for (std::size_t t = 0; t < types.size(); ++t) out[t] = partitions(rows, Kmax, Kmin, types[t], nearest);
     }
     return out;
 }
 
 std::vector<ColumnVector> linkage_partitions(const Matrix& x, int Kmax, int Kmin, char type)
 {
-    return column_vectors(partitions(rows_of(x), Kmax, Kmin, type, true));
+    const Rows rows = rows_of(x);
+    return column_vectors(partitions(rows, Kmax, Kmin, type, Nearest(Dissimilarities(rows), rows.n)));
 }
 
 std::vector<std::vector<ColumnVector>> linkage_partitions(const Matrix& x, int Kmax, int Kmin,
