@@ -254,12 +254,13 @@ class Merger {
 public:
     Merger(const Rows& x, char type, const Nearest& nearest)
         : dist_(x), type_(type), n_(x.n), alive_(n_, 1), value_(n_, 0.0), row_(n_, kNone), members_(n_),
-          leaves_(1), nearest_(nearest), cursor_(n_, 0)
+          leaves_(1), nearest_(nearest), cursor_(n_, 0), watchers_(n_)
     {
         while (leaves_ < n_) leaves_ *= 2;
         winner_.assign(2 * leaves_, kNone);
         for (std::size_t c = 0; c < n_; ++c) {
             row_[c] = nearest_.row(c)[0];
+            watch(c);
             value_[c] = nearest_.value(c)[0];
             winner_[leaves_ + c] = row_[c] == kNone ? kNone : c;
         }
@@ -283,8 +284,10 @@ public:
         dist_.release(j1);
         rescan(i1);
         update(i1);
-        // Row j1 is gone: only columns below it can have cached it.
-        for (std::size_t c = 0; c < j1; ++c)
+        // Row j1 is gone: the columns that cached it look further.
+        std::vector<std::size_t> watching;
+        watching.swap(watchers_[j1]);
+        for (std::size_t c : watching)
             if (row_[c] == j1) {
                 replace(c);
                 update(c);
@@ -313,6 +316,7 @@ private:
             at = 0;
         }
         row_[c] = rows[at];
+        watch(c);
         value_[c] = nearest_.value(c)[at];
     }
 
@@ -331,7 +335,15 @@ private:
             }
         });
         row_[c] = best;
+        watch(c);
         value_[c] = min;
+    }
+
+    // Notes that column c caches its row (a column may be noted more than
+    // once, and stay noted after its row changes).
+    void watch(std::size_t c)
+    {
+        if (row_[c] != kNone) watchers_[row_[c]].push_back(c);
     }
 
     // Of two columns (kNone: none), the one with the smaller (value, row,
@@ -362,6 +374,7 @@ private:
     std::vector<std::size_t> winner_;  // 1-based heap layout, leaves from leaves_ on
     Nearest nearest_;                  // this sequence's own copy
     std::vector<std::size_t> cursor_;  // first entry of each list not known to be dead
+    std::vector<std::vector<std::size_t>> watchers_;  // per row, columns that cached it
 };
 
 // The labels for K = Kmax down to Kmin from one merge sequence.
