@@ -96,6 +96,17 @@ void NormalDensity::quadratic_forms(const Real* columns, std::size_t stride, std
     }
 }
 
+void NormalDensity::densities(std::size_t count, Scratch& s) const
+{
+    double* q = s.q.data();
+    std::size_t b = 0;
+    for (; b + 2 <= count; b += 2) store(q + b, load(q + b) / -2.0);
+    for (; b < count; ++b) q[b] = q[b] / -2.0;
+    for (b = 0; b < count; ++b) q[b] = libm_exp(q[b]);
+    for (b = 0; b + 2 <= count; b += 2) store(q + b, load(q + b) * sqrt_det_ / constant_);
+    for (; b < count; ++b) q[b] = q[b] * sqrt_det_ / constant_;
+}
+
 std::vector<NormalDensity> component_densities(const emstruct& fit)
 {
     const NormalDensity common(fit.sigma.i());

@@ -60,19 +60,35 @@ double expectation(const FitData& x, const std::vector<NormalDensity>& dens, Sta
         // The weights pi_k f_k(x_i) of the block, component by component ...
         for (std::size_t k = 0; k < K; ++k) {
             dens[k].quadratic_forms(x.column(0) + first, n, count, ms + k * p, scratch);
-            const double* q = scratch.q.data();
-            for (std::size_t b = 0; b < count; ++b) ws[(first + b) * K + k] = pi[k] * dens[k].at(q[b]);
+            dens[k].densities(count, scratch);
+            const double* f = scratch.q.data();
+            for (std::size_t b = 0; b < count; ++b) ws[(first + b) * K + k] = pi[k] * f[b];
         }
-        // ... then each observation's sum over the components, in order.
-        for (std::size_t i = first; i < first + count; ++i) {
-            double* wi = ws + i * K;
-            double temp = 0.0;
-            for (std::size_t k = 0; k < K; ++k) temp += wi[k];
-            const double scale = 1.0 / temp;
+        // ... then each observation's sum over the components, in order, and
+        // its weights scaled by the reciprocal: two observations at a time.
+        double* temp = scratch.q.data();
+        std::size_t b = 0;
+        for (; b + 2 <= count; b += 2) {
+            double* wi = ws + (first + b) * K;
+            lanes::Pair sum = {0.0, 0.0};
+            for (std::size_t k = 0; k < K; ++k) sum += lanes::Pair{wi[k], wi[K + k]};
+            const lanes::Pair scale = 1.0 / sum;
+            for (std::size_t k = 0; k < K; ++k) {
+                wi[k] *= scale[0];
+                wi[K + k] *= scale[1];
+            }
+            lanes::store(temp + b, sum);
+        }
+        for (; b < count; ++b) {
+            double* wi = ws + (first + b) * K;
+            double sum = 0.0;
+            for (std::size_t k = 0; k < K; ++k) sum += wi[k];
+            const double scale = 1.0 / sum;
             for (std::size_t k = 0; k < K; ++k) wi[k] *= scale;
-            loglik += libm_log(temp);
-            s.last_density = temp;
+            temp[b] = sum;
         }
+        for (b = 0; b < count; ++b) loglik += libm_log(temp[b]);
+        s.last_density = temp[count - 1];
     }
     return loglik;
 }
