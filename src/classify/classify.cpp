@@ -11,7 +11,6 @@
 #include "common/settings.h"
 #include "io/param_file.h"
 #include "mixture/density.h"
-#include "risk/model_shape.h"
 #include "risk/report.h"
 
 namespace mixrank {
@@ -136,7 +135,6 @@ Record stored_model(Record (*reader)(int, int, std::istream&), int K, int d, std
                            " complete model(s) before it ends or stops being numeric; -g " +
                            std::to_string(K) + " needs " + std::to_string(K));
     }
-    if (!model_is_finite(fit, K)) throw RunError(model_name(K, paramfile) + " holds a value that is not finite");
     check_proportions(fit.pi, K, paramfile);
     check_covariances(fit, K, paramfile);
     return fit;

@@ -27,8 +27,8 @@ Classification classify_observations(const Matrix& x, const emstructuneq& fit);
 
 // Reads the models g = 1..K from param, as the risk step does, and returns
 // the K-component one. RunError, naming paramfile, when the file ends or holds
-// text before that model is complete, or when the model cannot classify: a
-// number that is not finite, proportions that are negative or do not sum to
+// text or a number that is not finite before that model is complete, or when
+// the model cannot classify: proportions that are negative or do not sum to
 // 1, a covariance that is singular or not positive definite.
 emstruct stored_model_e(int K, int d, std::istream& param, const std::string& paramfile);
 emstructuneq stored_model_u(int K, int d, std::istream& param, const std::string& paramfile);

@@ -50,11 +50,11 @@ Slot slots[kSlots];
 // again once the slot is ready.
 std::atomic<int> deferred_signal{0};
 
+// No EINTR: the handled signals are blocked while the handler runs.
 void say(const char* text, std::size_t length)
 {
     while (length > 0) {
         const ssize_t n = ::write(STDERR_FILENO, text, length);
-        if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return;
         text += n;
         length -= static_cast<std::size_t>(n);
@@ -151,9 +151,8 @@ protected:
         while (left > 0) {
             const ssize_t n = ::write(fd_, p, left);
             if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) {
+            if (n <= 0) {  // the file stays short of the record's end: it is not counted
                 error_ = n < 0 ? errno : EIO;
-                if (note_) note_(self_, records_, 0);
                 return -1;
             }
             p += n;
@@ -219,22 +218,20 @@ struct AtomicFile::Impl {
         Slot& s = *f.slot;
         if (end == 0) {
             s.next_end.store(0, std::memory_order_release);
-            if (n > s.finished.load(std::memory_order_relaxed)) {
-                s.shown.store(1 - s.shown.load(std::memory_order_relaxed), std::memory_order_release);
-                s.finished.store(n, std::memory_order_release);
-            }
-            return;
+            s.shown.store(1 - s.shown.load(std::memory_order_relaxed), std::memory_order_release);
+            s.finished.store(n, std::memory_order_release);
+        } else {
+            const int next = 1 - s.shown.load(std::memory_order_relaxed);
+            const std::string head = "mixrank: interrupted; the first " +
+                                     (n == 1 ? std::string("record") : std::to_string(n) + " records") +
+                                     " of the " + f.what + " '" + f.shown_name +
+                                     (n == 1 ? "' is" : "' are") + " kept in '";
+            copy_into(s.kept[next], kMessage, head + s.partial + "'\n", &s.kept_length[next]);
+            copy_into(s.kept_here[next], kMessage,
+                      head + s.temporary + "' ('" + s.partial + "' is taken)\n", &s.kept_here_length[next]);
+            s.next_end.store(end, std::memory_order_release);
+            s.state.store(kKeepRecords, std::memory_order_release);
         }
-        const int next = 1 - s.shown.load(std::memory_order_relaxed);
-        const std::string head = "mixrank: interrupted; the first " +
-                                 (n == 1 ? std::string("record") : std::to_string(n) + " records") +
-                                 " of the " + f.what + " '" + f.shown_name +
-                                 (n == 1 ? "' is" : "' are") + " kept in '";
-        copy_into(s.kept[next], kMessage, head + s.partial + "'\n", &s.kept_length[next]);
-        copy_into(s.kept_here[next], kMessage,
-                  head + s.temporary + "' ('" + s.partial + "' is taken)\n", &s.kept_here_length[next]);
-        s.next_end.store(end, std::memory_order_release);
-        s.state.store(kKeepRecords, std::memory_order_release);
     }
 
     // Ends the setting up of the slot; a signal deferred meanwhile is raised

@@ -1,6 +1,5 @@
 #include "risk/distance.h"
 
-#include <cmath>
 #include <vector>
 
 #include "common/settings.h"
@@ -10,11 +9,6 @@
 namespace mixrank {
 
 namespace {
-
-// The unbiased (U-statistic) form leaves out the diagonal of the kernel. It
-// is kept for reference and switched off: the distance is always the biased
-// form with the diagonal included.
-constexpr bool kUnbiased = false;
 
 // h^2 times the d x d identity.
 void bandwidth_matrix(int d, Matrix& sig)
@@ -41,19 +35,13 @@ std::vector<double> kernel_against_model(const Matrix& x, const Matrix& mu, cons
 }
 
 // Sum over i, j of K(x_i, x_j) - kx(i) - kx(j) + kk divided by n^2, formed
-// from the kernel's total instead of visiting every pair.
-double centred_mean(const std::vector<double>& kx, double kk, double knew_total, int d)
+// from the kernel's total instead of visiting every pair. The diagonal
+// K(x_i, x_i) stays in (the biased form).
+double centred_mean(const std::vector<double>& kx, double kk, double knew_total)
 {
     const int n = static_cast<int>(kx.size());
     double sum_kx = 0.0;
     for (double v : kx) sum_kx += v;
-    if (kUnbiased) {
-        // Pairs j < i only: every diagonal kernel entry is 1/(h^d c).
-        const double diagonal = n / (std::pow(h, static_cast<double>(d)) * normal_constant(d));
-        const double pairs = static_cast<double>(n) * (n - 1);
-        const double kstar_sum = (knew_total - diagonal) / 2.0 - (n - 1) * sum_kx + (pairs / 2.0) * kk;
-        return (kstar_sum + kstar_sum) / pairs;
-    }
     // n * n as a whole number (exact in double for any n that fits in memory).
     const double nn = static_cast<double>(n) * n;
     const double kstar_sum = knew_total - 2.0 * n * sum_kx + nn * kk;
@@ -84,7 +72,7 @@ double distance(const Matrix& x, const emstruct& final, int component, double kn
         for (int l = 1; l < k; ++l)
             kk += (2 * prop(k)) * prop(l) * twice(mean_row(mu, k), mean_row(mu, l));
     }
-    return centred_mean(kx, kk, knew_total, d);
+    return centred_mean(kx, kk, knew_total);
 }
 
 double distance(const Matrix& x, const emstructuneq& final, int component, double knew_total)
@@ -112,7 +100,7 @@ double distance(const Matrix& x, const emstructuneq& final, int component, doubl
             kk += (2 * prop(k)) * prop(l) * pair(mean_row(mu, k), mean_row(mu, l));
         }
     }
-    return centred_mean(kx, kk, knew_total, d);
+    return centred_mean(kx, kk, knew_total);
 }
 
 }  // namespace mixrank

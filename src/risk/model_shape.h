@@ -2,6 +2,8 @@
 // computations index into it.
 #pragma once
 
+#include <cmath>
+
 #include "common/matrix.h"
 #include "mixture/records.h"
 
@@ -12,9 +14,14 @@ namespace mixrank {
 void check_model_shape(const Matrix& x, const emstruct& final, int g);
 void check_model_shape(const Matrix& x, const emstructuneq& final, int g);
 
-// True when every mean, covariance entry and proportion of the first g
-// components is a finite number.
-bool model_is_finite(const emstruct& final, int g);
-bool model_is_finite(const emstructuneq& final, int g);
+// True when every value of the first g components read from a parameter file
+// is a finite number. Extraction never gives a number that is not finite, and
+// once it fails the reader gives NaN for every later value, proportions last;
+// so the last proportion tells.
+template <class Record>
+bool model_is_finite(const Record& final, int g)
+{
+    return std::isfinite(final.pi(g));
+}
 
 }  // namespace mixrank

@@ -1,5 +1,6 @@
 #include "starts/random_starts.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <vector>
@@ -9,17 +10,13 @@ namespace mixrank {
 namespace {
 
 // Smallest i >= 1 with i / number_left >= cutoff (double division), the
-// first slot a linear count would accept. The quotient grows with i, so the
-// estimate from the product only needs its neighbours checked with the same
-// comparison.
+// first slot a linear count would accept. The truncated product is never
+// above it (at most one below), and the quotient grows with i; cutoff < 1
+// stops the count at number_left.
 int draw_rank(double cutoff, int number_left)
 {
-    const auto accepts = [&](int i) { return !(cutoff > static_cast<double>(i) / number_left); };
-    int i = static_cast<int>(std::ceil(cutoff * number_left));
-    if (i < 1) i = 1;
-    if (i > number_left) i = number_left;
-    while (i > 1 && accepts(i - 1)) --i;
-    while (i < number_left && !accepts(i)) ++i;
+    int i = std::max(1, static_cast<int>(cutoff * number_left));
+    while (cutoff > static_cast<double>(i) / number_left) ++i;
     return i;
 }
 

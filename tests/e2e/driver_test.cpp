@@ -38,8 +38,8 @@ TEST(OwnEstimator, FitsWritesTheScaledCopyAndTheParameterFileThenScoresThemAgain
     EXPECT_EQ(fitted.size(), 4u);
     EXPECT_EQ(fitted.at("t.dat.std"), "1.000000 2.000000 \n2.000000 1.000000 \n3.000000 3.000000 \n");
     EXPECT_EQ(fitted.at("t.param"), "2.000000 2.000000 \n0.666667 \n0.333333 0.666667 \n1.000000 \n");
-    ::remove(w.file("t.equal.risk").c_str());  // without -p, t.dat's models are read from t.param
-    ASSERT_EQ(w.run({"-equal", "-1", "-g", "1", "-i", "t.dat"}).status, 0);
+    ::remove(w.file("t.equal.risk").c_str());  // without -p, t.dat's models come from t.param; a lone -d, from the file
+    ASSERT_EQ(w.run({"-equal", "-1", "-g", "1", "-i", "t.dat", "-d", "70000"}).status, 0);
     EXPECT_EQ(w.read("t.equal.risk"), fitted.at("t.equal.risk"));
 }
 
@@ -62,7 +62,7 @@ TEST(ExternalEstimator, RunsTheProgramWithItsAnswerScriptAndCleansUp)
     w.write("iris.dat", kIris);
     w.install_emmix();
     w.write("expect.txt", "3\niris.dat.std\nsample.out\nn\n150\n4\n4\n1\n3\n1\n4\n20 \n6\ny \n 4 \n 1 \ni.param\n 0 \n 0 \n 0 \n");
-    const Args args = {"-e", "-3", "-g", "3", "-k", "6", "-r", "4", "-i", "iris.dat", "-p", "i.param", "-s", "11"};
+    const Args args = {"-e", "-3", "-g", "3", "-k", "6", "-r", "4", "-i", "iris.dat", "-p", "i.param", "-s", "11", "-n", "2000000000"};  // a lone -n: sizes from the file
     const Result r = w.run(args, "", {"EMMIX_EXPECT=" + w.file("expect.txt")});
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_EQ(r.err, "");

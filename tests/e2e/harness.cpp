@@ -19,20 +19,13 @@ namespace e2e {
 namespace fs = std::filesystem;
 
 Workdir::Workdir() : path_(std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/mixrank-e2e-XXXXXX")
-{
-    if (!mkdtemp(&path_[0])) throw std::runtime_error("cannot make a temporary directory");
-}
+{ if (!mkdtemp(&path_[0])) throw std::runtime_error("cannot make a temporary directory"); }
 
 Workdir::~Workdir() { std::error_code ignored; fs::remove_all(path_, ignored); }  // a directory already gone is fine
 
 void Workdir::write(const std::string& name, const std::string& content) const { std::ofstream(file(name), std::ios::binary) << content; }
 
-std::string read_file(const std::string& path)
-{
-    std::ostringstream s;
-    s << std::ifstream(path, std::ios::binary).rdbuf();
-    return s.str();
-}
+std::string read_file(const std::string& path) { std::ostringstream s; s << std::ifstream(path, std::ios::binary).rdbuf(); return s.str(); }
 
 std::string Workdir::read(const std::string& name) const { return read_file(file(name)); }
 
@@ -87,11 +80,7 @@ Result Workdir::finish(const Started& run) const
     return r;
 }
 
-Args with(Args base, const Args& more)
-{
-    base.insert(base.end(), more.begin(), more.end());
-    return base;
-}
+Args with(Args base, const Args& more) { base.insert(base.end(), more.begin(), more.end()); return base; }
 
 std::vector<std::string> lines(const std::string& text)
 {

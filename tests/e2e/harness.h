@@ -39,9 +39,7 @@ public:
                   long file_limit = 0) const;
     Result finish(const Started& run) const;
     Result run_program(const std::string& program, const Args& args, const std::string& input = "", const Args& env = {}) const
-    {
-        return finish(start(program, args, input, env));
-    }
+    { return finish(start(program, args, input, env)); }
     Result run(const Args& args, const std::string& input = "", const Args& env = {}) const { return run_program(MIXRANK_BINARY, args, input, env); }
 
 private:
