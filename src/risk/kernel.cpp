@@ -2,10 +2,12 @@
 
 #include <cblas.h>
 
+#include <algorithm>
 #include <cmath>
 #include <ostream>
 
 #include "common/settings.h"
+#include "mixture/lanes.h"
 #include "risk/kernel_blocks.h"
 
 namespace mixrank {
@@ -38,6 +40,57 @@ namespace {
 // centred entries are summed one by one instead.
 constexpr double kMaxCancellation = 100.0;
 
+// The sums and the sums of squares of the rows of a rows x cols block, each
+// from 0.0 over the columns in order; two rows at a time.
+void row_sums(const double* v, std::size_t rows, std::size_t cols, double* sum, double* sq)
+{
+    using lanes::Pair;
+    std::size_t a = 0;
+    for (; a + 2 <= rows; a += 2) {
+        const double* first = v + a * cols;
+        const double* second = first + cols;
+        Pair s = {0.0, 0.0}, q = {0.0, 0.0};
+        for (std::size_t b = 0; b < cols; ++b) {
+            const Pair e = {first[b], second[b]};
+            s += e;
+            q += e * e;
+        }
+        sum[a] = s[0], sum[a + 1] = s[1];
+        sq[a] = q[0], sq[a + 1] = q[1];
+    }
+    for (; a < rows; ++a) {
+        double s = 0.0, q = 0.0;
+        for (std::size_t b = 0; b < cols; ++b) {
+            s += v[a * cols + b];
+            q += v[a * cols + b] * v[a * cols + b];
+        }
+        sum[a] = s, sq[a] = q;
+    }
+}
+
+// The same for the columns: each from 0.0 over the rows in order; two
+// columns at a time.
+void column_sums(const double* v, std::size_t rows, std::size_t cols, double* sum, double* sq)
+{
+    using lanes::load;
+    using lanes::Pair;
+    std::fill(sum, sum + cols, 0.0);
+    std::fill(sq, sq + cols, 0.0);
+    for (std::size_t a = 0; a < rows; ++a) {
+        const double* row = v + a * cols;
+        std::size_t b = 0;
+        for (; b + 2 <= cols; b += 2) {
+            const Pair e = load(row + b);
+            lanes::store(sum + b, load(sum + b) + e);
+            lanes::store(sq + b, load(sq + b) + e * e);
+        }
+        for (; b < cols; ++b) {
+            sum[b] += row[b];
+            sq[b] += row[b] * row[b];
+        }
+    }
+}
+
 // Row means and total of the kernel, and the sum of squares of every row.
 // A row's sums are formed over each tile's columns in column order, and
 // those added in tile order; the total is the sum of the row sums in row
@@ -53,24 +106,12 @@ void kernel_means(const KernelBlocks& k, KernelSummary& r, std::vector<double>& 
     std::vector<double> part_sums(n), part_squares(n);
     const auto tile = [&](std::size_t J, std::size_t top, std::size_t rows, std::size_t left, std::size_t cols,
                           const double* v) {
-        for (std::size_t a = 0; a < rows; ++a) {
-            double sum = 0.0, sq = 0.0;
-            for (std::size_t b = 0; b < cols; ++b) {
-                sum += v[a * cols + b];
-                sq += v[a * cols + b] * v[a * cols + b];
-            }
-            part_sums[J * T + a] = sum;
-            part_squares[J * T + a] = sq;
-        }
+        row_sums(v, rows, cols, &part_sums[J * T], &part_squares[J * T]);
         if (left == top) return;
         // Transposed, the tile gives the rows of tile row J their sums over
         // the columns of tile I, the next in their order.
-        std::vector<double> sum(cols, 0.0), sq(cols, 0.0);
-        for (std::size_t a = 0; a < rows; ++a)
-            for (std::size_t b = 0; b < cols; ++b) {
-                sum[b] += v[a * cols + b];
-                sq[b] += v[a * cols + b] * v[a * cols + b];
-            }
+        std::vector<double> sum(cols), sq(cols);
+        column_sums(v, rows, cols, sum.data(), sq.data());
         for (std::size_t b = 0; b < cols; ++b) {
             sums[left + b] += sum[b];
             squares[left + b] += sq[b];

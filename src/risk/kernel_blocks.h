@@ -52,7 +52,8 @@ public:
 
 private:
     std::size_t n_ = 0, d_ = 0;
-    std::vector<double> x_;  // n x d, row-major
+    std::vector<double> x_;   // n x d, row-major
+    std::vector<double> xt_;  // d x n, row-major: the data column by column
     double hh_ = 0.0, norm_ = 0.0;
 };
 
