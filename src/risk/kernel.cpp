@@ -91,6 +91,19 @@ void column_sums(const double* v, std::size_t rows, std::size_t cols, double* su
     }
 }
 
+// Entries (i, left + b) of K* / scale for b < width from those of K, row i
+// being below every column: (((k - first) - second) + overallmean) * factor
+// as centred_entry and the rescaling form them; two entries at a time.
+void centre_row(double* v, std::size_t width, double first, const double* second, double overallmean,
+                double factor)
+{
+    using lanes::load;
+    std::size_t b = 0;
+    for (; b + 2 <= width; b += 2)
+        lanes::store(v + b, (((load(v + b) - first) - load(second + b)) + overallmean) * factor);
+    for (; b < width; ++b) v[b] = (((v[b] - first) - second[b]) + overallmean) * factor;
+}
+
 // Row means and total of the kernel, and the sum of squares of every row.
 // A row's sums are formed over each tile's columns in column order, and
 // those added in tile order; the total is the sum of the row sums in row
@@ -235,11 +248,18 @@ void centred_kernel_product(const Matrix& x, const KernelSummary& kernel, const 
     const int c = static_cast<int>(cols);
     const auto tile = [&](std::size_t J, std::size_t top, std::size_t rows, std::size_t left, std::size_t width,
                           double* v) {
-        for (std::size_t a = 0; a < rows; ++a)
-            for (std::size_t b = 0; b < width; ++b) {
-                double& e = v[a * width + b];
-                e = centred_entry(e, top + a, left + b, kernel) * factor;
-            }
+        if (left == top) {
+            for (std::size_t a = 0; a < rows; ++a)
+                for (std::size_t b = 0; b < width; ++b) {
+                    double& e = v[a * width + b];
+                    e = centred_entry(e, top + a, left + b, kernel) * factor;
+                }
+        } else {
+            // Below the diagonal the row's index is the larger one.
+            for (std::size_t a = 0; a < rows; ++a)
+                centre_row(v + a * width, width, kernel.meanofrow[top + a], &kernel.meanofrow[left],
+                           kernel.overallmean, factor);
+        }
         const int r = static_cast<int>(rows), w = static_cast<int>(width);
         cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, r, c, w, 1.0, v, w, B + left * cols, c, 0.0,
                     parts.data() + J * T * cols, c);
