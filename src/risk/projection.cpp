@@ -39,15 +39,16 @@ void idempotency_residual(const Matrix& Q, const Matrix& M, Matrix& S)
     const Real* q = Q.Store();
     const Real* m = M.Store();
     std::vector<long double> t(static_cast<std::size_t>(P) * P, 0.0L);
-    for (int a = 0; a < P; ++a) t[static_cast<std::size_t>(a) * P + a] = 1.0L;
-    for (int j = 0; j < n; ++j) {
-        const Real* mrow = m + static_cast<std::size_t>(j) * P;
-        for (int a = 0; a < P; ++a) {
+    // Row a of the residual on a worker thread each.
+    parallel_for(static_cast<std::size_t>(P), [&](std::size_t a) {
+        long double* trow = t.data() + a * P;
+        trow[a] = 1.0L;
+        for (int j = 0; j < n; ++j) {
+            const Real* mrow = m + static_cast<std::size_t>(j) * P;
             const long double qaj = q[a * stride + j];
-            long double* trow = t.data() + static_cast<std::size_t>(a) * P;
             for (int b = 0; b < P; ++b) trow[b] -= qaj * mrow[b];
         }
-    }
+    });
     S.ReSize(P, P);
     std::transform(t.begin(), t.end(), S.Store(), [](long double v) { return static_cast<double>(v); });
 }
