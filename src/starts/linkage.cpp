@@ -306,15 +306,11 @@ private:
         const std::size_t* rows = nearest_.row(c);
         std::size_t& at = cursor_[c];
         while (at < Nearest::kKept && rows[at] != kNone && !alive_[rows[at]]) ++at;
-        if (at == Nearest::kKept) {
-            if (rows[Nearest::kKept - 1] == kNone) {  // no mergeable entry left
-                row_[c] = kNone;
-                value_[c] = kSentinel;
-                return;
-            }
+        if (at == Nearest::kKept) {  // a full list, all dead: look again among the live rows
             Nearest::find(dist_, n_, c, alive_, nearest_.value(c), nearest_.row(c));
             at = 0;
         }
+        // A kNone row (with the sentinel as value) when nothing is left.
         row_[c] = rows[at];
         watch(c);
         value_[c] = nearest_.value(c)[at];
