@@ -74,13 +74,9 @@ void NormalDensity::quadratic_forms(const Real* columns, std::size_t stride, std
     static_assert(kBlock % (2 * kPairs) == 0, "whole steps per block");
     const double* inv = inv_.data();
     for (std::size_t b = 0; b < kBlock; b += 2 * kPairs) {
-        Pair q[kPairs];
-#pragma GCC unroll 8
-        for (int g = 0; g < kPairs; ++g) q[g] = Pair{0.0, 0.0};
+        Pair q[kPairs] = {};
         for (std::size_t j = 0; j < p; ++j) {
-            Pair t[kPairs];
-#pragma GCC unroll 8
-            for (int g = 0; g < kPairs; ++g) t[g] = Pair{0.0, 0.0};
+            Pair t[kPairs] = {};
             for (std::size_t k = 0; k < p; ++k) {
                 const double c = inv[k * p + j];
                 const double* dk = diff + k * kBlock + b;
@@ -98,13 +94,13 @@ void NormalDensity::quadratic_forms(const Real* columns, std::size_t stride, std
 
 void NormalDensity::densities(std::size_t count, Scratch& s) const
 {
+    // Pairs up to the end of the block: the block's length is even, so an
+    // odd count's last pair reaches an unused form, which nothing reads.
+    static_assert(kBlock % 2 == 0, "whole pairs per block");
     double* q = s.q.data();
-    std::size_t b = 0;
-    for (; b + 2 <= count; b += 2) store(q + b, load(q + b) / -2.0);
-    for (; b < count; ++b) q[b] = q[b] / -2.0;
-    for (b = 0; b < count; ++b) q[b] = libm_exp(q[b]);
-    for (b = 0; b + 2 <= count; b += 2) store(q + b, load(q + b) * sqrt_det_ / constant_);
-    for (; b < count; ++b) q[b] = q[b] * sqrt_det_ / constant_;
+    for (std::size_t b = 0; b < count; b += 2) store(q + b, load(q + b) / -2.0);
+    for (std::size_t b = 0; b < count; ++b) q[b] = libm_exp(q[b]);
+    for (std::size_t b = 0; b < count; b += 2) store(q + b, load(q + b) * sqrt_det_ / constant_);
 }
 
 std::vector<NormalDensity> component_densities(const emstruct& fit)

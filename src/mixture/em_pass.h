@@ -55,7 +55,7 @@ constexpr double kSmallestSize = 4.0;
 
 // Working state of one fit.
 struct State {
-    int K = 0, p = 0;
+    int K, p;  // set by resize, as every array
     std::vector<double> mu;  // K x p current means, row-major
     std::vector<double> pi;  // K current proportions
     std::vector<double> nk;  // K sizes: label counts at the start, weight sums later

@@ -68,40 +68,37 @@ void row_sums(const double* v, std::size_t rows, std::size_t cols, double* sum, 
     }
 }
 
-// The same for the columns: each from 0.0 over the rows in order; two
+// The same for the columns of a tile below the diagonal, whose width is a
+// whole tile's (an even number): each from 0.0 over the rows in order; two
 // columns at a time.
-void column_sums(const double* v, std::size_t rows, std::size_t cols, double* sum, double* sq)
+void column_sums(const double* v, std::size_t rows, double* sum, double* sq)
 {
     using lanes::load;
     using lanes::Pair;
+    constexpr std::size_t cols = KernelBlocks::kTile;
+    static_assert(cols % 2 == 0, "whole pairs per tile");
     std::fill(sum, sum + cols, 0.0);
     std::fill(sq, sq + cols, 0.0);
     for (std::size_t a = 0; a < rows; ++a) {
         const double* row = v + a * cols;
-        std::size_t b = 0;
-        for (; b + 2 <= cols; b += 2) {
+        for (std::size_t b = 0; b < cols; b += 2) {
             const Pair e = load(row + b);
             lanes::store(sum + b, load(sum + b) + e);
             lanes::store(sq + b, load(sq + b) + e * e);
         }
-        for (; b < cols; ++b) {
-            sum[b] += row[b];
-            sq[b] += row[b] * row[b];
-        }
     }
 }
 
-// Entries (i, left + b) of K* / scale for b < width from those of K, row i
-// being below every column: (((k - first) - second) + overallmean) * factor
-// as centred_entry and the rescaling form them; two entries at a time.
-void centre_row(double* v, std::size_t width, double first, const double* second, double overallmean,
-                double factor)
+// Entries (i, left + b) of K* / scale from those of K for a row i of a tile
+// below the diagonal, i being below every column and the width a whole
+// tile's: (((k - first) - second) + overallmean) * factor as centred_entry
+// and the rescaling form them; two entries at a time.
+void centre_row(double* v, double first, const double* second, double overallmean, double factor)
 {
     using lanes::load;
-    std::size_t b = 0;
-    for (; b + 2 <= width; b += 2)
+    static_assert(KernelBlocks::kTile % 2 == 0, "whole pairs per tile");
+    for (std::size_t b = 0; b < KernelBlocks::kTile; b += 2)
         lanes::store(v + b, (((load(v + b) - first) - load(second + b)) + overallmean) * factor);
-    for (; b < width; ++b) v[b] = (((v[b] - first) - second[b]) + overallmean) * factor;
 }
 
 // Row means and total of the kernel, and the sum of squares of every row.
@@ -124,7 +121,7 @@ void kernel_means(const KernelBlocks& k, KernelSummary& r, std::vector<double>& 
         // Transposed, the tile gives the rows of tile row J their sums over
         // the columns of tile I, the next in their order.
         std::vector<double> sum(cols), sq(cols);
-        column_sums(v, rows, cols, sum.data(), sq.data());
+        column_sums(v, rows, sum.data(), sq.data());
         for (std::size_t b = 0; b < cols; ++b) {
             sums[left + b] += sum[b];
             squares[left + b] += sq[b];
@@ -257,8 +254,8 @@ void centred_kernel_product(const Matrix& x, const KernelSummary& kernel, const 
         } else {
             // Below the diagonal the row's index is the larger one.
             for (std::size_t a = 0; a < rows; ++a)
-                centre_row(v + a * width, width, kernel.meanofrow[top + a], &kernel.meanofrow[left],
-                           kernel.overallmean, factor);
+                centre_row(v + a * width, kernel.meanofrow[top + a], &kernel.meanofrow[left], kernel.overallmean,
+                           factor);
         }
         const int r = static_cast<int>(rows), w = static_cast<int>(width);
         cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, r, c, w, 1.0, v, w, B + left * cols, c, 0.0,

@@ -123,7 +123,7 @@ double projection_instability(const Matrix& M, const Matrix& Q)
     const std::size_t height = std::max<std::size_t>(
         kMinRowBlock, std::min<std::size_t>(kRowBlock, kBlockValues / static_cast<std::size_t>(n)));
     const std::size_t blocks = (static_cast<std::size_t>(n) + height - 1) / height;
-    std::vector<double> largest(blocks, 0.0);
+    std::vector<double> largest(blocks);
     parallel_for(blocks, [&](std::size_t b) {
         const std::size_t top = b * height;
         const int rows = static_cast<int>(std::min<std::size_t>(height, n - top));

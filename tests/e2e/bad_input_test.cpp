@@ -100,6 +100,8 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         {nullptr, {"-n", "65536", "-d", "65537"}, "", "the data matrix of 65536 x 65537 numbers would need 34.4 GB" + limit},
         {nullptr, {"-n", "110000000", "-d", "2", "-g", "6"}, "", "the score matrix of the model with 6 components of 110000000 x 21 numbers would need 18.5 GB" + limit},
         {nullptr, {"-u", "-n", "110000000", "-d", "2", "-g", "6"}, "", "the score matrix of the model with 6 components of 110000000 x 36 numbers would need 31.7 GB" + limit},
+        // a data matrix of exactly the library's limit passes; its score matrix does not
+        {nullptr, {"-n", "1", "-d", "2147483647"}, "", "the score matrix of the model with 6 components of 1 x 2305843021024854016 numbers would need 18446744168.2 GB" + limit},
     };
     for (const auto& [data, more, typed, message] : cases) {
         if (data) w.write("bad.dat", data);

@@ -114,4 +114,9 @@ TEST(AtomicFile, ReplacesOnCommitOnlyKeepingTheModeAndRefusesANinthOpenFile)
     for (int i = 1; i <= 8; ++i) EXPECT_EQ(dir.read(std::to_string(i)), std::to_string(i));
     EXPECT_EQ(std::filesystem::status(dir.file("1")).permissions(), std::filesystem::perms(0640));
     EXPECT_EQ(dir.entries(), 8) << "a temporary file is left";
+    ASSERT_EQ(::symlink("1", dir.file("link").c_str()), 0);  // a link is written through, not replaced
+    AtomicFile through("report file", dir.file("link"));
+    through.stream() << "through", through.commit();
+    EXPECT_TRUE(std::filesystem::is_symlink(dir.file("link")));
+    EXPECT_EQ(dir.read("1"), "through");
 }

@@ -71,4 +71,6 @@ TEST(Report, ScreenTableAndFileBytes)
     EXPECT_EQ(out.str(), kScreen + "...........3");
     EXPECT_EQ(dir.read("tab.equal.risk"), kFile);
     EXPECT_EQ(out.precision(), 2);  // the table's precision stays set on the stream
+    std::ostringstream quiet;  // a name that begins with ".dat" is not cut, and nothing is said
+    EXPECT_EQ(report_file_name(".dat.dat", "", quiet) + "|" + quiet.str(), ".dat.dat..risk|");
 }
