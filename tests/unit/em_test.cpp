@@ -151,6 +151,8 @@ TEST(Em, LabelsOutsideOneToKGivenValuesOfTheWrongShapeAndASingularCovarianceAreR
     const Matrix x = clusters(kCases[1], grp);  // 24 x 3
     EXPECT_THROW(em(x, grp * 2.0, 2), RunError);  // labels outside 1..K
     EXPECT_THROW(emunequal(x, grp, 21), RunError);
+    EXPECT_THROW(em(Matrix(x.Nrows(), 0), grp, 2), RunError);  // no columns
+    EXPECT_THROW(emunequal(Matrix(x.Nrows(), 0), grp, 2), RunError);
     ColumnVector twenty(x.Nrows());
     for (int i = 1; i <= x.Nrows(); ++i) twenty(i) = (i - 1) % 20 + 1;
     EXPECT_EQ(emunequal(x, twenty, 20).loglik, -9e+100);  // twenty components are allowed (and too small here)
