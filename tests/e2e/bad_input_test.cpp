@@ -68,6 +68,7 @@ TEST(BadInput, OptionsTypedAnswersDataAndOutputPlacesAreRefused)
         {nullptr, {"-h", "1e300"}, "", "the kernel with tuning parameter h = 1e+300 gives no usable degrees of freedom (Sdof -nan); choose another h"},
         {nullptr, {}, "3 iris.dat 0 0 0 1", "the tuning parameter h typed in the dialogue must be a positive number; got 0"},
         {nullptr, {}, "3 iris.dat 0 0 0.5 1 0", "the number of components typed in the dialogue must be at least 1; got 0"},
+        {nullptr, {}, "3 iris.dat 0 0 0.5 1 100000000 N p.param", "the score matrix of the model with 100000000 components of 150 x 500000010 numbers would need 600.0 GB" + limit},
         {nullptr, {"-n", "151", "-d", "4"}, "", "row 151, column 1 of the data file 'iris.dat' " + finite},
         {"1 2\n3 4\n5 6", {}, "", "the data file 'bad.dat' gives 2 observation(s); mixrank needs at least 3 observations"},  // no last newline
         {"1 5\n2 5\n3 5\n4 5\n", {}, "", "column 2 " + bad + "is constant (variance 0) and cannot be scaled"},
