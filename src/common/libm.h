@@ -9,31 +9,19 @@
 
 #include <cmath>
 
+namespace mixrank {
+
 #ifdef MIXRANK_DIRECT_LIBM
 extern "C" double __exp_finite(double);
 extern "C" double __log_finite(double);
 __asm__(".symver __exp_finite,__exp_finite@GLIBC_2.15");
 __asm__(".symver __log_finite,__log_finite@GLIBC_2.15");
-#endif
 
-namespace mixrank {
-
-inline double libm_exp(double v)
-{
-#ifdef MIXRANK_DIRECT_LIBM
-    return __exp_finite(v);
+inline double libm_exp(double v) { return __exp_finite(v); }
+inline double libm_log(double v) { return __log_finite(v); }
 #else
-    return std::exp(v);
+inline double libm_exp(double v) { return std::exp(v); }
+inline double libm_log(double v) { return std::log(v); }
 #endif
-}
-
-inline double libm_log(double v)
-{
-#ifdef MIXRANK_DIRECT_LIBM
-    return __log_finite(v);
-#else
-    return std::log(v);
-#endif
-}
 
 }  // namespace mixrank
