@@ -3,9 +3,12 @@
 #include <cstddef>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <sstream>
+#include <string>
+#include <vector>
 
-#include "common/parallel.h"
+#include "common/task_board.h"
 #include "common/settings.h"
 #include "io/param_file.h"
 #include "mixture/em.h"
@@ -36,25 +39,7 @@ int best_start(const std::vector<double>& logliks)
 
 namespace {
 
-// The linkage partitions for g = 2..max under the rules 's', 'c' and 'a',
-// one merge sequence per rule, made before any EM fit so that the
-// clustering's working table is released before the fits start. Linkage
-// draws no random numbers and prints nothing, so the order does not show.
-class LinkageStarts {
-public:
-    LinkageStarts(const Matrix& x, int max) : max_(max)
-    {
-        if (max >= 2) rules_ = linkage_labels(x, max, 2, "sca");
-    }
-    // Labels of rule number 0, 1, 2 in the order above.
-    const double* at(int rule, int g) const { return rules_[rule][max_ - g].data(); }
-
-private:
-    int max_;
-    std::vector<std::vector<std::vector<double>>> rules_;
-};
-
-// The EM routine of the starts of g >= 2 for each record type.
+// The EM routine of the starts for each record type.
 template <class Record>
 struct StartFit;
 template <>
@@ -72,27 +57,38 @@ struct StartFit<emstructuneq> {
     }
 };
 
-// Everything random about the starts of one g >= 2, drawn from the one
-// stream in table order before any start runs: the K-means permutations,
-// then the random partitions. A draw that fails (an impossible K) ends the
-// table there: the starts before it run and its failure follows their
-// messages, as when every start ran right after its draw.
+// Everything random about the starts of one g, drawn from the one stream in
+// table order before any start runs: for g = 1 its random partition, for
+// g >= 2 the K-means permutations, then the random partitions. A draw that
+// fails (an impossible K) ends the table there, and no later g is drawn: the
+// starts before it run and its failure follows their messages, as when
+// every start ran right after its draw.
 struct StartDraws {
-    std::vector<std::vector<int>> orders;  // K-means starts 3..kmn+2
-    std::vector<ColumnVector> partitions;  // random starts from kmn+3 on
-    std::size_t ready = 3;                 // starts whose draws are made
-    std::exception_ptr failure;            // of the draw of start `ready`
+    std::vector<std::vector<int>> orders;         // K-means starts 3..kmn+2
+    std::vector<std::vector<double>> partitions;  // random starts from kmn+3 on (g = 1: the only one)
+    std::size_t ready = 0;                        // starts whose draws are made
+    std::exception_ptr failure;                   // of the draw of start `ready`
 };
+
+std::vector<double> labels_of(const ColumnVector& partition)
+{
+    return std::vector<double>(partition.Store(), partition.Store() + partition.Nrows());
+}
 
 StartDraws draw_starts(const Matrix& x, int g, int kmn, int indall)
 {
     StartDraws draws;
     try {
-        for (; draws.ready < static_cast<std::size_t>(indall); ++draws.ready) {
+        if (g == 1) {
+            draws.partitions.push_back(labels_of(randomstart(x, 1)));
+            draws.ready = 1;
+            return draws;
+        }
+        for (draws.ready = 3; draws.ready < static_cast<std::size_t>(indall); ++draws.ready) {
             if (draws.ready < static_cast<std::size_t>(kmn) + 3)
                 draws.orders.push_back(kmeans_draw(x, g));
             else
-                draws.partitions.push_back(randomstart(x, g));
+                draws.partitions.push_back(labels_of(randomstart(x, g)));
         }
     } catch (...) {
         draws.failure = std::current_exception();
@@ -100,54 +96,111 @@ StartDraws draw_starts(const Matrix& x, int g, int kmn, int indall)
     return draws;
 }
 
-// Fits every start for g components and leaves the one chosen by BestStart
-// in table order in final. For g >= 2 the starts run side by side once their
-// draws are made; what each prints is held back and printed in table order
-// afterwards, and a failure shows after the messages of the starts before
-// it, so the output does not depend on the number of threads.
-template <class Record, class Fit>
-void fit_from_starts(const Matrix& x, const FitData& data, const LinkageStarts& links, int g, int indall, int kmn,
-                     Fit fit, Record& final)
-{
-    if (g == 1) {
-        final = fit(x, randomstart(x, 1), 1);
-        return;
-    }
-    const StartDraws draws = draw_starts(x, g, kmn, indall);
-    const std::size_t ready = draws.ready;
-    // The labels of the linkage and random starts, and one stream per start
-    // formatted as standard output is, all set up here on this thread.
-    std::vector<const double*> labels(ready, nullptr);
-    for (std::size_t ind = 0; ind < ready; ++ind) {
-        if (ind < 3) labels[ind] = links.at(static_cast<int>(ind), g);
-        if (ind >= static_cast<std::size_t>(kmn) + 3) labels[ind] = draws.partitions[ind - kmn - 3].Store();
-    }
-    std::vector<std::ostringstream> said(ready);
-    for (std::ostringstream& s : said) s.copyfmt(std::cout);
-    std::vector<MixtureFit> fits(ready);
-    std::vector<std::exception_ptr> failed(ready);
-    parallel_for(ready, [&](std::size_t ind) {
-        try {
-            std::vector<double> grouped;
-            const double* grp = labels[ind];
-            if (grp == nullptr) {
-                grouped = kmeans_from(data.row(0), data.n(), data.p(), draws.orders[ind - 3], g);
-                grp = grouped.data();
-            }
-            fits[ind] = StartFit<Record>::run(data, grp, g, said[ind]);
-        } catch (...) {
-            failed[ind] = std::current_exception();
+// The starts of one g and what their fits gave.
+struct CountWork {
+    StartDraws draws;
+    std::vector<std::ostringstream> said;  // each start's messages, formatted as standard output is
+    std::vector<MixtureFit> fits;
+    std::vector<std::size_t> task;  // each start's place on the board
+};
+
+// All fits of g = 1..max on worker threads: the three linkage rules first
+// (they take longest, and the linkage starts need them), then the starts in
+// table order, g by g; a linkage start waits for its rule, and meanwhile
+// the workers go on with the starts after it. What the fits print is held
+// back and printed in table order by the calling thread, g by g, as soon as
+// a g's starts are done, so the output does not depend on the threads.
+template <class Record>
+class CountFits {
+public:
+    CountFits(const Matrix& x, int max, int kmn, int rnd) : max_(max), data_(x)
+    {
+        if (max >= 2) {
+            rules_.reset(new LinkageRules(x));
+            const bool side_by_side = rules_side_by_side(kRules.size(), data_.n(), data_.p());
+            labels_.resize(kRules.size());
+            for (std::size_t t = 0; t < kRules.size(); ++t)
+                rule_task_.push_back(board_.add([this, t] { labels_[t] = rules_->labels(max_, 2, kRules[t]); },
+                                                t > 0 && !side_by_side ? rule_task_[t - 1] : TaskBoard::kNone));
         }
-    });
-    BestStart best;
-    for (std::size_t ind = 0; ind < ready; ++ind) {
-        std::cout << said[ind].str() << std::flush;
-        if (failed[ind]) std::rethrow_exception(failed[ind]);
-        best.offer(fits[ind].loglik);
+        counts_.resize(static_cast<std::size_t>(max > 0 ? max : 0));
+        const int indall = rnd + kmn + 3;
+        for (int g = 1; g <= max; ++g) {
+            CountWork& c = counts_[static_cast<std::size_t>(g - 1)];
+            c.draws = draw_starts(x, g, kmn, indall);
+            c.said = std::vector<std::ostringstream>(c.draws.ready);
+            for (std::ostringstream& s : c.said) s.copyfmt(std::cout);
+            c.fits.resize(c.draws.ready);
+            for (std::size_t ind = 0; ind < c.draws.ready; ++ind) c.task.push_back(add_start(g, ind));
+            if (c.draws.failure) break;
+        }
+        board_.start();
     }
-    if (draws.failure) std::rethrow_exception(draws.failure);
-    record(fits[best.index()], final);
-}
+
+    // Waits for the linkage rules; a failure there comes out here.
+    void rules_done()
+    {
+        for (std::size_t t : rule_task_)
+            if (const std::exception_ptr failure = board_.wait(t)) std::rethrow_exception(failure);
+    }
+
+    // Prints the messages of g's starts in table order and leaves the fit
+    // chosen by BestStart in final; a failure comes out after the messages
+    // of the starts before it.
+    void best(int g, Record& final)
+    {
+        const CountWork& c = counts_[static_cast<std::size_t>(g - 1)];
+        BestStart best;
+        for (std::size_t ind = 0; ind < c.draws.ready; ++ind) {
+            const std::exception_ptr failure = board_.wait(c.task[ind]);
+            std::cout << c.said[ind].str() << std::flush;
+            if (failure) std::rethrow_exception(failure);
+            best.offer(c.fits[ind].loglik);
+        }
+        if (c.draws.failure) std::rethrow_exception(c.draws.failure);
+        record(c.fits[best.index()], final);
+    }
+
+private:
+    static const std::string kRules;
+
+    std::size_t add_start(int g, std::size_t ind)
+    {
+        const std::size_t t = ind < 3 && g >= 2 ? ind : 3;  // a linkage rule's number, or none
+        return board_.add([this, g, ind] { run_start(g, ind); }, t < 3 ? rule_task_[t] : TaskBoard::kNone);
+    }
+
+    void run_start(int g, std::size_t ind)
+    {
+        CountWork& c = counts_[static_cast<std::size_t>(g - 1)];
+        const std::size_t kmn = c.draws.orders.size();
+        std::vector<double> own;
+        const double* grp = nullptr;
+        if (g == 1) {
+            own.swap(c.draws.partitions[0]);
+        } else if (ind < 3) {
+            grp = labels_[ind][static_cast<std::size_t>(max_ - g)].data();
+        } else if (ind < kmn + 3) {
+            own = kmeans_from(data_.row(0), data_.n(), data_.p(), c.draws.orders[ind - 3], g);
+            std::vector<int>().swap(c.draws.orders[ind - 3]);
+        } else {
+            own.swap(c.draws.partitions[ind - kmn - 3]);
+        }
+        if (grp == nullptr) grp = own.data();
+        c.fits[ind] = StartFit<Record>::run(data_, grp, g, c.said[ind]);
+    }
+
+    int max_;
+    FitData data_;
+    std::unique_ptr<LinkageRules> rules_;
+    std::vector<std::vector<std::vector<double>>> labels_;  // [rule][max - g]
+    std::vector<CountWork> counts_;
+    std::vector<std::size_t> rule_task_;
+    TaskBoard board_;  // last: its workers stop before the rest goes
+};
+
+template <class Record>
+const std::string CountFits<Record>::kRules = "sca";
 
 // Appends one record to the parameter stream with a single write and a single
 // flush, so that the file holds whole records only.
@@ -160,16 +213,15 @@ bool append_record(std::ostream& param, const Record& final)
     return static_cast<bool>(param.flush());
 }
 
-template <class Record, class Fit>
-void fit_all_counts(const Matrix& x, std::ostream& param, int max, int kmn, int rnd, Fit fit)
+template <class Record>
+void fit_all_counts(const Matrix& x, std::ostream& param, int max, int kmn, int rnd)
 {
-    const int indall = rnd + kmn + 3;
-    const LinkageStarts links(x, max);
-    const FitData data(x);
+    CountFits<Record> fits(x, max, kmn, rnd);
+    fits.rules_done();
     for (int g = 1; g <= max; ++g) {
         std::cout << " Estimating Parameters for " << g << " components model ...." << std::endl;
         Record final;
-        fit_from_starts(x, data, links, g, indall, kmn, fit, final);
+        fits.best(g, final);
         if (!append_record(param, final)) return;  // the caller reports the failed write
     }
 }
@@ -191,12 +243,12 @@ void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, in
     std::cout << " Estimating Parameters and putting it in " << paramfile << std::flush;
     if (method == 'E') {
         std::cout << " for equal variance setup" << std::endl;
-        fit_all_counts<emstruct>(x, param, max, kmn, rnd, em);
+        fit_all_counts<emstruct>(x, param, max, kmn, rnd);
     } else {
         // The words follow the file name without a blank, and the line is
         // not flushed: this is the established output.
         std::cout << "for unequal variance " << "\n";
-        fit_all_counts<emstructuneq>(x, param, max, kmn, rnd, emunequal);
+        fit_all_counts<emstructuneq>(x, param, max, kmn, rnd);
     }
 }
 

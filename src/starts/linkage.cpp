@@ -456,23 +456,41 @@ void check_linkage_memory(std::size_t n, std::size_t p, int max, std::size_t lim
                    " can be used here (use fewer observations, or score models fitted elsewhere with -1)");
 }
 
+struct LinkageRules::State {
+    Rows rows;
+    Nearest nearest;
+};
+
+LinkageRules::LinkageRules(const Matrix& x)
+{
+    const Rows rows = rows_of(x);
+    state_.reset(new State{rows, Nearest(Dissimilarities(rows), rows.n)});
+}
+
+LinkageRules::~LinkageRules() = default;
+
+std::vector<std::vector<double>> LinkageRules::labels(int Kmax, int Kmin, char type) const
+{
+    return partitions(state_->rows, Kmax, Kmin, type, state_->nearest);
+}
+
+bool rules_side_by_side(std::size_t rules, std::size_t n, std::size_t p, std::size_t limit)
+{
+    const std::size_t at_once = std::min<std::size_t>(rules, thread_count());
+    return at_once > 1 && static_cast<double>(at_once) * linkage_bytes(n, p) <= limit / 2.0;
+}
+
 std::vector<std::vector<std::vector<double>>> linkage_labels(const Matrix& x, int Kmax, int Kmin,
                                                              const std::string& types, std::size_t limit)
 {
-    const Rows rows = rows_of(x);
+    const LinkageRules rules(x);
     std::vector<std::vector<std::vector<double>>> out(types.size());
-    // The lists of closest rows are found once, on all threads, for every
-    // rule. The rules then run side by side when the tables they could need
-    // at once fit into half of the memory this machine can give; otherwise
-    // one after another.
-    const Nearest nearest(Dissimilarities(rows), rows.n);
-    const std::size_t at_once = std::min<std::size_t>(types.size(), thread_count());
-    if (at_once > 1 && static_cast<double>(at_once) * linkage_bytes(rows.n, rows.p) <= limit / 2.0) {
-        parallel_for(types.size(),
-                     [&](std::size_t t) { out[t] = partitions(rows, Kmax, Kmin, types[t], nearest); });
-    } else {
-        for (std::size_t t = 0; t < types.size(); ++t) out[t] = partitions(rows, Kmax, Kmin, types[t], nearest);
-    }
+    const auto one = [&](std::size_t t) { out[t] = rules.labels(Kmax, Kmin, types[t]); };
+    if (rules_side_by_side(types.size(), static_cast<std::size_t>(x.Nrows()), static_cast<std::size_t>(x.Ncols()),
+                           limit))
+        parallel_for(types.size(), one);
+    else
+        for (std::size_t t = 0; t < types.size(); ++t) one(t);
     return out;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,28 @@ std::size_t linkage_memory_limit();
 // `limit` bytes. Nothing is needed when max < 2. The run driver calls it
 // before it writes anything.
 void check_linkage_memory(std::size_t n, std::size_t p, int max, std::size_t limit = linkage_memory_limit());
+
+// The merge sequences of several rules on one data set, run by the caller
+// one rule at a time, from any thread: the closest rows of every column are
+// found once, on all threads, when it is made. labels(Kmax, Kmin, type)[m]
+// holds the labels (1..K as doubles) of linkage(x, Kmax - m, type). x must
+// outlive it.
+class LinkageRules {
+public:
+    explicit LinkageRules(const Matrix& x);
+    ~LinkageRules();
+    std::vector<std::vector<double>> labels(int Kmax, int Kmin, char type) const;
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+// Whether that many rules may run side by side for n observations of
+// dimension p: when the tables they could need at once (one per thread)
+// fit into half of `limit`.
+bool rules_side_by_side(std::size_t rules, std::size_t n, std::size_t p,
+                        std::size_t limit = linkage_memory_limit());
 
 // The same partitions as linkage_partitions for several rules, with the labels
 // in plain arrays: entry [t][m] holds the labels (1..K as doubles) of
