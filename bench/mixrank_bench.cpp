@@ -10,11 +10,16 @@
 // calling the library directly.
 //
 //   mixrank_bench [--sizes 1000,5000] [--runs e2,u2,e1] [--threads 1,2]
-//                 [--models-from N] [--mclust] [--phases] [--binary PATH]
+//                 [--models-from N] [--repeat R] [--mclust] [--phases] [--binary PATH]
+//
+// --repeat R makes R rounds of every run (and of mclust) and reports the
+// median wall time with the smallest and largest; with --mclust it also
+// prints the ratio of each -equal -2 median to mclust's.
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -132,13 +137,16 @@ void phases(const std::string& datafile, int n)
 }
 
 // Wall seconds of R's mclust fitting the common-covariance model (EEE) with
-// one start for G = 1..6 on the data file, as R's own timer reports it.
-void mclust_time(const std::string& dir, int n)
+// one start for G = 1..6 on the data file, as R's own timer reports it;
+// negative when Rscript or the mclust package is not available.
+double mclust_seconds(const std::string& dir)
 {
     const std::string script =
         "suppressMessages(library(mclust)); x <- as.matrix(read.table('bench.dat')); "
         "t <- system.time(m <- Mclust(x, G = 1:6, modelNames = 'EEE', verbose = FALSE)); "
-        "cat(sprintf('%8d  %-12s %7s %10.2f\\n', nrow(x), 'mclust EEE', '', t[['elapsed']]))";
+        "cat(t[['elapsed']], file = 'mclust.time')";
+    const std::string timefile = dir + "/mclust.time";
+    std::remove(timefile.c_str());
     std::fflush(stdout);
     const pid_t pid = fork();
     if (pid == 0) {
@@ -148,8 +156,39 @@ void mclust_time(const std::string& dir, int n)
     }
     int raw = 0;
     waitpid(pid, &raw, 0);
-    if (!WIFEXITED(raw) || WEXITSTATUS(raw) != 0)
-        std::printf("%8d  mclust EEE   (Rscript with the mclust package not available)\n", n);
+    double seconds = -1.0;
+    std::ifstream in(timefile);
+    if (!WIFEXITED(raw) || WEXITSTATUS(raw) != 0 || !(in >> seconds)) seconds = -1.0;
+    std::remove(timefile.c_str());
+    return seconds;
+}
+
+// The median of the times (the mean of the middle two for an even count),
+// and the smallest and largest.
+struct Spread {
+    double median = 0.0, low = 0.0, high = 0.0;
+};
+
+Spread spread(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    const std::size_t m = v.size() / 2;
+    return {v.size() % 2 ? v[m] : (v[m - 1] + v[m]) / 2.0, v.front(), v.back()};
+}
+
+std::string wall_column(const std::vector<double>& times)
+{
+    const Spread s = spread(times);
+    char text[64];
+    if (times.size() == 1)
+        std::snprintf(text, sizeof text, "%10.2f", s.median);
+    else
+    {
+        char range[40];
+        std::snprintf(range, sizeof range, "(%.2f-%.2f)", s.low, s.high);
+        std::snprintf(text, sizeof text, "%10.2f %-15s", s.median, range);
+    }
+    return text;
 }
 
 std::vector<int> number_list(const char* text)
@@ -192,7 +231,7 @@ int main(int argc, char** argv)
     std::vector<std::string> runs = {"e2", "u2", "e1"};
     std::string binary = MIXRANK_BINARY;
     bool with_phases = false, with_mclust = false;
-    int models_from = 0;
+    int models_from = 0, repeat = 1;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
@@ -208,12 +247,14 @@ int main(int argc, char** argv)
             threads = number_list(argv[++i]);
         } else if (a == "--runs" && more) {
             runs = word_list(argv[++i]);
+        } else if (a == "--repeat" && more) {
+            repeat = std::max(1, std::atoi(argv[++i]));
         } else if (a == "--models-from" && more) {
             models_from = std::atoi(argv[++i]);
         } else {
             std::fprintf(stderr,
                          "usage: mixrank_bench [--sizes N,...] [--runs e2,u2,e1] [--threads 1,2] "
-                         "[--models-from N] [--mclust] [--phases] [--binary PATH]\n");
+                         "[--models-from N] [--repeat R] [--mclust] [--phases] [--binary PATH]\n");
             return 2;
         }
     }
@@ -221,21 +262,48 @@ int main(int argc, char** argv)
     if (!mkdtemp(tmpl)) return 1;
     const std::string dir = tmpl;
     const std::string datafile = dir + "/bench.dat";
-    std::printf("%8s  %-12s %7s %10s %10s\n", "n", "run", "threads", "wall s", "peak MB");
+    std::printf("%8s  %-12s %7s %10s %s%10s\n", "n", "run", "threads", repeat > 1 ? "median s" : "wall s",
+                repeat > 1 ? "(min-max)       " : "", "peak MB");
     for (int n : sizes) {
         if (models_from > 0) {  // the stored models come from a smaller sample
             std::ofstream(datafile) << synthetic_data(models_from);
             run_binary(binary, dir, run_arguments("e2"), 0);
         }
         std::ofstream(datafile) << synthetic_data(n);
-        for (const std::string& run : runs)
-            for (int t : threads) {
-                const ChildRun r = run_binary(binary, dir, run_arguments(run), t);
-                std::printf("%8d  %-12s %7d %10.2f %10.1f%s\n", n, run_name(run).c_str(), t, r.wall,
-                            r.peak_kb / 1024.0, r.status == 0 ? "" : "  (failed)");
-                std::fflush(stdout);
+        // Rounds of every run and thread count, then mclust: each line's
+        // repetitions spread over the whole measurement.
+        const std::size_t lines = runs.size() * threads.size();
+        std::vector<std::vector<double>> walls(lines);
+        std::vector<long> peaks(lines, 0);
+        std::vector<bool> failed(lines, false);
+        std::vector<double> mclust;
+        for (int round = 0; round < repeat; ++round) {
+            for (std::size_t l = 0; l < lines; ++l) {
+                const ChildRun r = run_binary(binary, dir, run_arguments(runs[l / threads.size()]),
+                                              threads[l % threads.size()]);
+                walls[l].push_back(r.wall);
+                peaks[l] = std::max(peaks[l], r.peak_kb);
+                failed[l] = failed[l] || r.status != 0;
             }
-        if (with_mclust) mclust_time(dir, n);
+            if (with_mclust) {
+                const double t = mclust_seconds(dir);
+                if (t >= 0.0) mclust.push_back(t);
+            }
+        }
+        for (std::size_t l = 0; l < lines; ++l) {
+            std::printf("%8d  %-12s %7d %s %10.1f%s\n", n, run_name(runs[l / threads.size()]).c_str(),
+                        threads[l % threads.size()], wall_column(walls[l]).c_str(), peaks[l] / 1024.0,
+                        failed[l] ? "  (failed)" : "");
+        }
+        if (with_mclust && mclust.empty()) std::printf("%8d  mclust EEE   (Rscript with the mclust package not available)\n", n);
+        if (!mclust.empty()) {
+            std::printf("%8d  %-12s %7s %s\n", n, "mclust EEE", "", wall_column(mclust).c_str());
+            for (std::size_t l = 0; l < lines; ++l)
+                if (runs[l / threads.size()] == "e2")
+                    std::printf("  -equal -2 with %d thread(s) / mclust EEE, medians: %.2f\n",
+                                threads[l % threads.size()], spread(walls[l]).median / spread(mclust).median);
+        }
+        std::fflush(stdout);
         if (with_phases) phases(datafile, n);
     }
     for (const char* name : {"bench.dat", "bench.dat.std", "e.param", "u.param", "bench.equal.risk", "bench.unequal.risk"})
