@@ -79,13 +79,62 @@ double largest_magnitude(const double* v, std::size_t count, double start)
     return best;
 }
 
+// A = M'M: entry (a, b) summed over the rows of M in order; the rows of A
+// on the worker threads, each entry below the diagonal a copy of its mirror
+// (the same products added in the same order).
+void cross_product(const Matrix& M, Matrix& A)
+{
+    const std::size_t n = static_cast<std::size_t>(M.Nrows()), P = static_cast<std::size_t>(M.Ncols());
+    A.ReSize(M.Ncols(), M.Ncols());
+    const Real* m = M.Store();
+    Real* out = A.Store();
+    parallel_for(P, [&](std::size_t a) {
+        Real* row = out + a * P;
+        std::fill(row + a, row + P, 0.0);
+        for (std::size_t i = 0; i < n; ++i) {
+            const Real* r = m + i * P;
+            const double ra = r[a];
+            for (std::size_t b = a; b < P; ++b) row[b] += ra * r[b];
+        }
+    });
+    for (std::size_t a = 0; a < P; ++a)
+        for (std::size_t b = 0; b < a; ++b) out[a * P + b] = out[b * P + a];
+}
+
+// W = M S for an n x P matrix M and a P x P matrix S: entry (i, b) summed
+// over a in order, as the matrix library's product sums it; blocks of rows
+// on the worker threads.
+void times(const Matrix& M, const Matrix& S, Matrix& W)
+{
+    const std::size_t n = static_cast<std::size_t>(M.Nrows()), P = static_cast<std::size_t>(M.Ncols());
+    W.ReSize(M.Nrows(), M.Ncols());
+    const Real* m = M.Store();
+    const Real* s = S.Store();
+    Real* w = W.Store();
+    constexpr std::size_t kRows = 256;
+    parallel_for((n + kRows - 1) / kRows, [&](std::size_t block) {
+        for (std::size_t i = block * kRows; i < std::min(n, (block + 1) * kRows); ++i) {
+            Real* wrow = w + i * P;
+            std::fill(wrow, wrow + P, 0.0);
+            for (std::size_t a = 0; a < P; ++a) {
+                const double mia = m[i * P + a];
+                const Real* srow = s + a * P;
+                for (std::size_t b = 0; b < P; ++b) wrow[b] += mia * srow[b];
+            }
+        }
+    });
+}
+
 }  // namespace
 
-// Solved by the matrix library exactly as the product M * ((M'M)^-1 * M')
-// forms it.
+// (M'M)^-1 M' exactly as the matrix library forms (M.t() * M).i() * M.t():
+// the library solves with M'M for the columns of M', and takes M'M as the
+// product cross_product forms on the worker threads.
 void projection_factor(const Matrix& M, Matrix& Q)
 {
-    Q = (M.t() * M).i() * M.t();
+    Matrix A;
+    cross_product(M, A);
+    Q = A.i() * M.t();
 }
 
 double trace_projection_kernel(const Matrix& Q, const double* Y, std::size_t ld)
@@ -111,7 +160,8 @@ double projection_instability(const Matrix& M, const Matrix& Q)
     Matrix S;
     // With P = M Q, P - P*P = M (I - Q M) Q = W Q.
     idempotency_residual(Q, M, S);
-    const Matrix W = M * S;
+    Matrix W;
+    times(M, S, W);
     const Real* w = W.Store();
     const Real* q = Q.Store();
 
@@ -145,7 +195,8 @@ bool projection_unstable(const Matrix& M, const Matrix& Q, double limit)
     // limit, so does every entry; otherwise the entries are formed.
     Matrix S;
     idempotency_residual(Q, M, S);
-    const Matrix W = M * S;
+    Matrix W;
+    times(M, S, W);
     const std::size_t n = static_cast<std::size_t>(M.Nrows()), P = static_cast<std::size_t>(M.Ncols());
     const Real* w = W.Store();
     const Real* q = Q.Store();

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include "common/libm.h"
@@ -86,6 +87,9 @@ TEST(Projection, InstabilityFallsOnTheSameSideAsTheFullProjection)
         const Matrix P = literal_projection(M);
         Matrix Q;
         projection_factor(M, Q);
+        const Matrix library = (M.t() * M).i() * M.t();
+        ASSERT_TRUE(Q.Nrows() == 7 && Q.Ncols() == c.n);
+        EXPECT_EQ(std::memcmp(Q.Store(), library.Store(), sizeof(Real) * 7 * c.n), 0) << "factor, " << c.eps;
         const double literal = Matrix(P - P * P).MaximumAbsoluteValue(), fast = projection_instability(M, Q);
         EXPECT_TRUE((literal > 1e-5) == c.unstable && (fast > 1e-5) == c.unstable) << c.eps << ": " << literal << ", " << fast;
         EXPECT_NEAR(fast, literal, 0.2 * literal + 1e-15) << c.eps;
