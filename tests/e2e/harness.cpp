@@ -74,8 +74,11 @@ Started Workdir::start(const std::string& program, const Args& args, const std::
 Result Workdir::finish(const Started& run) const
 {
     int raw = 0;
-    while (::waitpid(run.pid, &raw, 0) < 0 && errno == EINTR) continue;  // a signal to the tests is no end of the run
-    const Result r{WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), read_file(run.out), read_file(run.err)};
+    struct rusage used {};
+    while (::wait4(run.pid, &raw, 0, &used) < 0 && errno == EINTR) continue;  // a signal to the tests is no end of the run
+    const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+    const Result r{WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), read_file(run.out), read_file(run.err),
+                   seconds(used.ru_utime) + seconds(used.ru_stime)};
     for (const std::string* f : {&run.in, &run.out, &run.err}) ::unlink(f->c_str());
     return r;
 }

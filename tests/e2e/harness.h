@@ -15,6 +15,7 @@ using Args = std::vector<std::string>;
 struct Result {
     int status = -1;  // a run ended by signal s: 128 + s
     std::string out, err;
+    double cpu = 0.0;  // seconds of processor time the run used (all its threads, user and system)
 };
 
 struct Started {  // a run in the background: its pid and the files of its input and output

@@ -9,6 +9,7 @@
 
 #include "common/settings.h"
 #include "io_scratch.h"
+#include "common/parallel.h"
 #include "starts/linkage.h"
 
 using namespace mixrank;
@@ -111,8 +112,20 @@ TEST(Linkage, ALargeTableIsReleasedWhenTheCallReturns)
     EXPECT_EQ(*std::max_element(labels.begin(), labels.end()), 3);
 }
 
+// Refused up front past the limit; below it, the rules run side by side only when a table per thread fits
+// into half of the limit.
 TEST(Linkage, RunsNeedingMoreMemoryThanTheLimitAreRefusedWithTheSize)
 {
+    const double table = linkage_bytes(1000, 4);
+    setenv("OMP_NUM_THREADS", "2", 1);
+    if (thread_count() == 2) {
+        EXPECT_TRUE(rules_side_by_side(3, 1000, 4, static_cast<std::size_t>(4 * table)));
+        EXPECT_FALSE(rules_side_by_side(3, 1000, 4, static_cast<std::size_t>(4 * table) - 16));
+        EXPECT_FALSE(rules_side_by_side(1, 1000, 4, static_cast<std::size_t>(1e15)));
+    }
+    setenv("OMP_NUM_THREADS", "1", 1);
+    EXPECT_FALSE(rules_side_by_side(3, 1000, 4, static_cast<std::size_t>(1e15)));
+    unsetenv("OMP_NUM_THREADS");
     const struct { std::size_t n; int max; double limit; const char* refusal; } cases[] = {
         {80000, 6, 20e9, "the linkage starts for 80000 observations need 25.6 GB of memory; only 20.0 GB can be "
                          "used here (use fewer observations, or score models fitted elsewhere with -1)"},
