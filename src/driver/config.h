@@ -18,7 +18,7 @@ struct RunConfig {
     int nornd = 10;           // random starts
     int nocommandline = 1;    // 1: interactive dialogue
     bool output = false;      // -o: accepted, read by nothing
-    int obs1 = 0;             // "dummy:obs :" answer, never used
+    int obs1{};               // "dummy:obs :" answer, never used
 };
 
 // Prints the 28-line usage text to out and ends the run with status 1.

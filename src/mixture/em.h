@@ -22,11 +22,11 @@ emstruct em_from_initial_estimates(const Matrix& x, Matrix mu, Matrix sigma, Col
 // guard's message to `out`. record() makes the matrix-library record; call it
 // on one thread at a time.
 struct MixtureFit {
-    int K = 0, p = 0;
+    int K{}, p{};
     std::vector<double> mu;                  // K x p, row-major
     std::vector<std::vector<double>> sigma;  // p x p, row-major: one shared, or one per component
     std::vector<double> pi;                  // K
-    double loglik = 0.0;
+    double loglik{};
 };
 
 MixtureFit fit_common(const FitData& x, const double* grp, int K, std::ostream& out);

@@ -62,7 +62,7 @@ struct State {
     std::vector<double> w;   // n x K posterior weights of the last E-step, row-major
     double l_i = 0.0, l_i1 = 0.0, l_i2 = 0.0;
     int iterations = 1;
-    double last_density = 0.0;  // mixture density of observation n, last E-step
+    double last_density{};  // mixture density of observation n, last E-step
 
     // Sizes every array for n observations; contents are left to the caller.
     void resize(std::size_t n, int components, int dimension);

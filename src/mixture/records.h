@@ -16,7 +16,7 @@ struct emstruct {
     Matrix mu;        // K x p, row k = mean of component k
     Matrix sigma;     // p x p common covariance
     ColumnVector pi;  // K mixing proportions
-    double loglik = 0.0;
+    double loglik{};
 };
 
 struct sigmastruct {
@@ -27,7 +27,7 @@ struct emstructuneq {
     Matrix mu;                                      // K x p
     sigmastruct sigma[kMaxUnequalComponents + 1];   // slots 1..K used
     ColumnVector pi;                                // K
-    double loglik = 0.0;
+    double loglik{};
 };
 
 // Covariance of component k (1-based) under either record type.

@@ -223,7 +223,11 @@ KernelSummary kernel_summary(const Matrix& x)
     KernelSummary r;
     std::vector<double> sums, squares;
     kernel_means(k, r, sums, squares);
-    if (!centred_sums_from_rows(k, sums, squares, r)) centred_sums(k, r);
+    r.passes = 1;
+    if (!centred_sums_from_rows(k, sums, squares, r)) {
+        centred_sums(k, r);
+        r.passes = 2;
+    }
     return r;
 }
 

@@ -18,20 +18,25 @@ double variance(const ColumnVector& x);
 void scale_columns(Matrix& x);
 
 struct KernelSummary {
-    double knew_total = 0.0;  // sum of all entries of the kernel matrix K
-    double kxx = 0.0;         // spectral degrees of freedom (Sdof)
-    double kff = 0.0;         // sum of the off-diagonal entries of K*
-    double kxxsquared = 0.0;  // trace(K* K*)
-    double scale = 0.0;       // trace(K*^2) / trace(K*)
-    double riskf = 0.0;
+    double knew_total{};  // sum of all entries of the kernel matrix K
+    double kxx{};         // spectral degrees of freedom (Sdof)
+    double kff{};         // sum of the off-diagonal entries of K*
+    double kxxsquared{};  // trace(K* K*)
+    double scale{};       // trace(K*^2) / trace(K*)
+    double riskf{};
     // K*(i, j) = K(i, j) - meanofrow(i) - meanofrow(j) + overallmean.
     std::vector<double> meanofrow;
-    double overallmean = 0.0;
+    double overallmean{};
+    // Passes over the kernel's tiles: 1, or 2 when centring cancelled too
+    // much of the sum of squares to take it from the row sums.
+    int passes{};
 };
 
 // The kernel step of a run: the kernel's row means and total, then trace,
 // sum and sum of squares of the centred kernel K*, and from them the
-// degrees of freedom and the scale. Two passes over the kernel's blocks.
+// degrees of freedom and the scale. One pass over the kernel's tiles, and
+// a second one when the sums of the first cannot give trace(K* K*) exactly
+// enough.
 KernelSummary kernel_summary(const Matrix& x);
 
 // Entry (i, j) of K* (0-based), centred as the kernel step centres it: the

@@ -51,10 +51,10 @@ public:
     void for_each_block(Visit visit) const;
 
 private:
-    std::size_t n_ = 0, d_ = 0;
+    std::size_t n_, d_;
     std::vector<double> x_;   // n x d, row-major
     std::vector<double> xt_;  // d x n, row-major: the data column by column
-    double hh_ = 0.0, norm_ = 0.0;
+    double hh_, norm_;
 };
 
 }  // namespace mixrank

@@ -200,13 +200,10 @@ bool projection_unstable(const Matrix& M, const Matrix& Q, double limit)
     const std::size_t n = static_cast<std::size_t>(M.Nrows()), P = static_cast<std::size_t>(M.Ncols());
     const Real* w = W.Store();
     const Real* q = Q.Store();
-    double row_norm = 0.0;
-    for (std::size_t i = 0; i < n; ++i) {
-        double sq = 0.0;
-        for (std::size_t b = 0; b < P; ++b) sq += w[i * P + b] * w[i * P + b];
-        row_norm = std::max(row_norm, sq);
-    }
-    std::vector<double> column(n, 0.0);
+    std::vector<double> row(n, 0.0), column(n, 0.0);
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t b = 0; b < P; ++b) row[i] += w[i * P + b] * w[i * P + b];
+    const double row_norm = *std::max_element(row.begin(), row.end());
     for (std::size_t a = 0; a < P; ++a)
         for (std::size_t j = 0; j < n; ++j) column[j] += q[a * n + j] * q[a * n + j];
     const double column_norm = *std::max_element(column.begin(), column.end());

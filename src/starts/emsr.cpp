@@ -164,10 +164,11 @@ public:
 private:
     static const std::string kRules;
 
+    // A linkage start of g >= 2 waits for its rule.
     std::size_t add_start(int g, std::size_t ind)
     {
-        const std::size_t t = ind < 3 && g >= 2 ? ind : 3;  // a linkage rule's number, or none
-        return board_.add([this, g, ind] { run_start(g, ind); }, t < 3 ? rule_task_[t] : TaskBoard::kNone);
+        const bool linkage = g >= 2 && ind < rule_task_.size();
+        return board_.add([this, g, ind] { run_start(g, ind); }, linkage ? rule_task_[ind] : TaskBoard::kNone);
     }
 
     void run_start(int g, std::size_t ind)

@@ -86,7 +86,7 @@ public:
             spare_.erase(spare);
         } else {
             capacity_[c] = len;
-            column_[c].reset(new double[len == 0 ? 1 : len]);
+            column_[c].reset(new double[len]);  // a valid, distinct pointer even for 0
         }
         distances(c, 0, len, column_[c].get());
         return column_[c].get();
