@@ -30,7 +30,7 @@ void scale_columns(Matrix& x)
 
 double centred_entry(double k, std::size_t i, std::size_t j, const KernelSummary& kernel)
 {
-    const double first = kernel.meanofrow[i < j ? j : i], second = kernel.meanofrow[i < j ? i : j];
+    const double first = kernel.meanofrow[std::max(i, j)], second = kernel.meanofrow[std::min(i, j)];
     return k - first - second + kernel.overallmean;
 }
 

@@ -95,25 +95,27 @@ std::exception_ptr prepare_models(const Matrix& x, const KernelSummary& kernel, 
 void kernel_terms(const Matrix& x, const KernelSummary& kernel, std::vector<ModelWork>& work)
 {
     const std::size_t n = static_cast<std::size_t>(x.Nrows());
+    std::vector<ModelWork*> scored;
     std::size_t cols = 0;
-    for (ModelWork& m : work)
-        if (m.finite) m.column = cols, cols += static_cast<std::size_t>(m.M.Ncols());
-    if (cols == 0) return;
-    std::vector<double> B(n * cols);
     for (ModelWork& m : work) {
         if (!m.finite) continue;
-        const std::size_t P = static_cast<std::size_t>(m.M.Ncols());
-        const Real* s = m.M.Store();
+        scored.push_back(&m);
+        m.column = cols;
+        cols += static_cast<std::size_t>(m.M.Ncols());
+    }
+    std::vector<double> B(n * cols);
+    for (ModelWork* m : scored) {
+        const std::size_t P = static_cast<std::size_t>(m->M.Ncols());
+        const Real* s = m->M.Store();
         for (std::size_t i = 0; i < n; ++i)
-            for (std::size_t a = 0; a < P; ++a) B[i * cols + m.column + a] = s[i * P + a];
-        m.M.ReSize(0, 0);
+            for (std::size_t a = 0; a < P; ++a) B[i * cols + m->column + a] = s[i * P + a];
+        m->M.ReSize(0, 0);
     }
     std::vector<double> Y;
     centred_kernel_product(x, kernel, B.data(), cols, Y);
-    for (ModelWork& m : work) {
-        if (!m.finite) continue;
-        m.EE = trace_projection_kernel(m.Q, Y.data() + m.column, cols);
-        m.MLF = m.DIST - (kernel.kxx - m.EE);
+    for (ModelWork* m : scored) {
+        m->EE = trace_projection_kernel(m->Q, Y.data() + m->column, cols);
+        m->MLF = m->DIST - (kernel.kxx - m->EE);
     }
 }
 

@@ -172,12 +172,10 @@ void combine(const double* from, double* into, std::size_t len, char type)
 {
     switch (type) {
     case 's':
-        for (std::size_t k = 0; k < len; ++k)
-            if (from[k] > into[k]) into[k] = from[k];
+        for (std::size_t k = 0; k < len; ++k) into[k] = std::max(into[k], from[k]);
         break;
     case 'c':
-        for (std::size_t k = 0; k < len; ++k)
-            if (from[k] < into[k]) into[k] = from[k];
+        for (std::size_t k = 0; k < len; ++k) into[k] = std::min(into[k], from[k]);
         break;
     case 'a':
         for (std::size_t k = 0; k < len; ++k) into[k] = (from[k] + into[k]) / 2.0;
