@@ -349,10 +349,4 @@ std::string AtomicFile::read_back() const
     return bytes;
 }
 
-std::string AtomicFile::temporary() const
-{
-    const Impl& f = *impl_;
-    return f.committed || !f.slot ? std::string() : std::string(f.slot->temporary);
-}
-
 }  // namespace mixrank

@@ -43,9 +43,6 @@ public:
     // file this run wrote, whatever has been renamed over its name since.
     std::string read_back() const;
 
-    // Name of the temporary file (empty once committed or removed).
-    std::string temporary() const;
-
 private:
     struct Impl;
     std::unique_ptr<Impl> impl_;

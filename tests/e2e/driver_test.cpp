@@ -23,7 +23,9 @@ TEST(ExitStatus, HelpUnopenableAndNonRectangularDataEndTheRunEarlyAndWriteNothin
              {{"-i", "dir.dat"}, 1, "Error opening file dir.dat!\n"}, {{"-i", "bad.dat"}, 0, "\n\n  ERROR : file is not a rectangular one!!!\n\n"}}) {
         const Result r = w.run(args);
         EXPECT_EQ(r.status, status) << text;
-        EXPECT_NE(r.out.find(text), std::string::npos) << r.out;
+        const std::size_t at = r.out.find(text);
+        EXPECT_TRUE(at != std::string::npos && (text == usage || at + text.size() == r.out.size())) << r.out;  // ends there
+        EXPECT_EQ(r.err, "") << text;
         EXPECT_EQ(w.snapshot().size(), 2u);  // no file created
     }
 }
