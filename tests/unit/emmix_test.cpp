@@ -44,9 +44,9 @@ TEST(EmmixRun, WritesTheScriptOverAnOldOneAndFeedsItToTheProgram)
     }
     EXPECT_EQ(dir.read("pts.dat.std.em"), expected.str());
     EXPECT_EQ(dir.read("received.txt"), expected.str());
-    // A program that leaves the earlier parameter file as it was (even one dated an hour ahead)
-    // or none at all gives nothing to score.
-    for (const char* leaves : {"", "rm pts.param\n"}) {
+    // A program that leaves the earlier parameter file as it was (even one dated an hour ahead), none
+    // at all, or a new one dated before its answer script gives nothing to score.
+    for (const char* leaves : {"", "rm pts.param\n", "rm pts.param\necho 0 > pts.param\ntouch -d @1000000000 pts.param\n"}) {
         dir.write("emmix", std::string("#!/bin/sh\n") + leaves);
         const struct timespec ahead[2] = {{::time(nullptr) + 3600, 0}, {::time(nullptr) + 3600, 0}};
         ASSERT_EQ(::utimensat(AT_FDCWD, dir.write("pts.param", "0\n").c_str(), ahead, 0), 0);
