@@ -182,8 +182,7 @@ std::string wall_column(const std::vector<double>& times)
     char text[64];
     if (times.size() == 1)
         std::snprintf(text, sizeof text, "%10.2f", s.median);
-    else
-    {
+    else {
         char range[40];
         std::snprintf(range, sizeof range, "(%.2f-%.2f)", s.low, s.high);
         std::snprintf(text, sizeof text, "%10.2f %-15s", s.median, range);

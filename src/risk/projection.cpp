@@ -125,6 +125,44 @@ void times(const Matrix& M, const Matrix& S, Matrix& W)
     });
 }
 
+// W = M (I - Q M), so that P - P*P = W Q for P = M Q.
+Matrix residual_rows(const Matrix& M, const Matrix& Q)
+{
+    Matrix S, W;
+    idempotency_residual(Q, M, S);
+    times(M, S, W);
+    return W;
+}
+
+// The largest |entry| of the n x n product W Q.
+double largest_entry(const Matrix& W, const Matrix& Q)
+{
+    const int n = W.Nrows(), P = W.Ncols();
+    const Real* w = W.Store();
+    const Real* q = Q.Store();
+
+    // The n x n product W Q, one block of rows at a time; the largest
+    // magnitude does not depend on the order the blocks are taken in.
+    // Each thread holds one block of rows of W Q: kRowBlock rows, fewer
+    // for a large n so that a block stays near kBlockValues values (8 MB).
+    openblas_set_num_threads(1);
+    const std::size_t height = std::max<std::size_t>(
+        kMinRowBlock, std::min<std::size_t>(kRowBlock, kBlockValues / static_cast<std::size_t>(n)));
+    const std::size_t blocks = (static_cast<std::size_t>(n) + height - 1) / height;
+    std::vector<double> largest(blocks);
+    parallel_for(blocks, [&](std::size_t b) {
+        const std::size_t top = b * height;
+        const int rows = static_cast<int>(std::min<std::size_t>(height, n - top));
+        std::vector<double> block(static_cast<std::size_t>(rows) * n);
+        cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, rows, n, P, 1.0, w + top * P, P, q, n, 0.0,
+                    block.data(), n);
+        largest[b] = largest_magnitude(block.data(), block.size(), 0.0);
+    });
+    double maxval = 0.0;
+    for (double v : largest) maxval = largest_magnitude(&v, 1, maxval);
+    return maxval;
+}
+
 }  // namespace
 
 // (M'M)^-1 M' exactly as the matrix library forms (M.t() * M).i() * M.t():
@@ -155,36 +193,8 @@ double trace_projection_kernel(const Matrix& Q, const double* Y, std::size_t ld)
 
 double projection_instability(const Matrix& M, const Matrix& Q)
 {
-    const int n = M.Nrows(), P = M.Ncols();
     check_factor(M, Q);
-    Matrix S;
-    // With P = M Q, P - P*P = M (I - Q M) Q = W Q.
-    idempotency_residual(Q, M, S);
-    Matrix W;
-    times(M, S, W);
-    const Real* w = W.Store();
-    const Real* q = Q.Store();
-
-    // The n x n product W Q, one block of rows at a time; the largest
-    // magnitude does not depend on the order the blocks are taken in.
-    // Each thread holds one block of rows of W Q: kRowBlock rows, fewer
-    // for a large n so that a block stays near kBlockValues values (8 MB).
-    openblas_set_num_threads(1);
-    const std::size_t height = std::max<std::size_t>(
-        kMinRowBlock, std::min<std::size_t>(kRowBlock, kBlockValues / static_cast<std::size_t>(n)));
-    const std::size_t blocks = (static_cast<std::size_t>(n) + height - 1) / height;
-    std::vector<double> largest(blocks);
-    parallel_for(blocks, [&](std::size_t b) {
-        const std::size_t top = b * height;
-        const int rows = static_cast<int>(std::min<std::size_t>(height, n - top));
-        std::vector<double> block(static_cast<std::size_t>(rows) * n);
-        cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, rows, n, P, 1.0, w + top * P, P, q, n, 0.0,
-                    block.data(), n);
-        largest[b] = largest_magnitude(block.data(), block.size(), 0.0);
-    });
-    double maxval = 0.0;
-    for (double v : largest) maxval = largest_magnitude(&v, 1, maxval);
-    return maxval;
+    return largest_entry(residual_rows(M, Q), Q);
 }
 
 bool projection_unstable(const Matrix& M, const Matrix& Q, double limit)
@@ -193,10 +203,7 @@ bool projection_unstable(const Matrix& M, const Matrix& Q, double limit)
     // |(W Q)(i, j)| <= |row i of W| |column j of Q| (Cauchy-Schwarz), with
     // W = M (I - Q M). When the largest such product lies clearly below the
     // limit, so does every entry; otherwise the entries are formed.
-    Matrix S;
-    idempotency_residual(Q, M, S);
-    Matrix W;
-    times(M, S, W);
+    const Matrix W = residual_rows(M, Q);
     const std::size_t n = static_cast<std::size_t>(M.Nrows()), P = static_cast<std::size_t>(M.Ncols());
     const Real* w = W.Store();
     const Real* q = Q.Store();
@@ -209,7 +216,7 @@ bool projection_unstable(const Matrix& M, const Matrix& Q, double limit)
     const double column_norm = *std::max_element(column.begin(), column.end());
     const double bound = std::sqrt(row_norm) * std::sqrt(column_norm);
     if (bound * (1.0 + 1e-9) < limit) return false;
-    return projection_instability(M, Q) > limit;
+    return largest_entry(W, Q) > limit;
 }
 
 }  // namespace mixrank

@@ -494,8 +494,7 @@ std::vector<std::vector<std::vector<double>>> linkage_labels(const Matrix& x, in
 
 std::vector<ColumnVector> linkage_partitions(const Matrix& x, int Kmax, int Kmin, char type)
 {
-    const Rows rows = rows_of(x);
-    return column_vectors(partitions(rows, Kmax, Kmin, type, Nearest(Dissimilarities(rows), rows.n)));
+    return column_vectors(LinkageRules(x).labels(Kmax, Kmin, type));
 }
 
 std::vector<std::vector<ColumnVector>> linkage_partitions(const Matrix& x, int Kmax, int Kmin,
