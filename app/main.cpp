@@ -6,7 +6,6 @@
 #include <new>
 
 #include "common/matrix.h"
-#include "common/parallel.h"
 #include "common/settings.h"
 #include "driver/run.h"
 
@@ -23,9 +22,6 @@ int main(int argc, char** argv)
         status = 1;
     } catch (const NEWMAT::BaseException&) {
         std::cout << NEWMAT::BaseException::what() << std::flush;
-        status = 1;
-    } catch (const mixrank::MatrixFailure& e) {
-        std::cout << e.message << std::flush;
         status = 1;
     } catch (const std::bad_alloc&) {
         std::cout.flush();

@@ -45,10 +45,4 @@ void parallel_for(std::size_t count, const std::function<void(std::size_t)>& bod
         if (failure) std::rethrow_exception(failure);
 }
 
-std::mutex& matrix_library_mutex()
-{
-    static std::mutex mutex;
-    return mutex;
-}
-
 }  // namespace mixrank

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <iostream>
+#include <utility>
 
 #include "common/libm.h"
 #include "mixture/lanes.h"
@@ -24,6 +25,11 @@ NormalDensity::NormalDensity(const Matrix& sigmainv)
       inv_(sigmainv.Store(), sigmainv.Store() + p_ * p_),
       sqrt_det_(std::sqrt(sigmainv.LogDeterminant().Value())),
       constant_(normal_constant(p_))
+{
+}
+
+NormalDensity::NormalDensity(int p, std::vector<double> inverse, double sqrt_det)
+    : p_(p), inv_(std::move(inverse)), sqrt_det_(sqrt_det), constant_(normal_constant(p))
 {
 }
 

@@ -36,6 +36,9 @@ public:
     };
 
     explicit NormalDensity(const Matrix& sigmainv);
+    // The same from values formed without the matrix library: the p x p
+    // inverse (row-major) and the square root of its determinant.
+    NormalDensity(int p, std::vector<double> inverse, double sqrt_det);
     // x and mean point at p consecutive doubles (for example a row of a
     // matrix's row-major Store()).
     double operator()(const Real* x, const Real* mean) const;

@@ -4,10 +4,11 @@
 #include <cmath>
 #include <iostream>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "common/parallel.h"
 #include "common/settings.h"
+#include "mixture/crout.h"
 #include "mixture/lanes.h"
 
 namespace mixrank {
@@ -54,15 +55,15 @@ void unpack_scaled(const std::vector<double>& acc, double divisor, int p, std::v
 }
 
 // The density of a covariance: its inverse and that inverse's determinant
-// come from the matrix library, under its lock.
+// formed by our own routines exactly as the matrix library forms them.
 NormalDensity density_of(const std::vector<double>& sigma, int p)
 {
-    return with_matrix_lock([&] {
-        Matrix s(p, p);
-        std::copy(sigma.begin(), sigma.end(), s.Store());
-        const Matrix inverse = s.i();
-        return NormalDensity(inverse);
-    });
+    std::vector<double> inverse;
+    double det = 0.0;
+    if (!CroutFactor(sigma.data(), p).inverse(inverse) ||
+        !CroutFactor(inverse.data(), p).log_determinant().value(det))
+        throw RefusedCovariance{p, sigma};
+    return NormalDensity(p, std::move(inverse), std::sqrt(det));
 }
 
 // The raw-moment sums of the covariance update: w_ik (x_i^T x_i - mu_k^T
@@ -307,12 +308,46 @@ void record(const MixtureFit& fit, emstructuneq& out)
     out.loglik = fit.loglik;
 }
 
+void RefusedCovariance::repeat_with_library() const
+{
+    Matrix s(p, p);
+    std::copy(sigma.begin(), sigma.end(), s.Store());
+    const Matrix inverse = s.i();
+    const NormalDensity density(inverse);
+    throw RunError("a covariance matrix could not be inverted, yet the matrix library inverted it");
+}
+
+void rethrow_fit_failure(const std::exception_ptr& failure)
+{
+    try {
+        std::rethrow_exception(failure);
+    } catch (const RefusedCovariance& refused) {
+        refused.repeat_with_library();
+    }
+}
+
+namespace {
+
+// Runs a fit on the calling (main) thread; a refused covariance ends as the
+// matrix library's exception.
+template <class Fit>
+auto on_main_thread(Fit fit) -> decltype(fit())
+{
+    try {
+        return fit();
+    } catch (const RefusedCovariance& refused) {
+        refused.repeat_with_library();
+    }
+}
+
+}  // namespace
+
 emstruct em(const Matrix& x, const ColumnVector& grp, int K)
 {
     check_shape(x.Ncols(), K);
     const double* labels = labels_of(x, grp);
     emstruct result;
-    record(fit_common(FitData(x), labels, K, std::cout), result);
+    record(on_main_thread([&] { return fit_common(FitData(x), labels, K, std::cout); }), result);
     return result;
 }
 
@@ -324,7 +359,7 @@ emstructuneq emunequal(const Matrix& x, const ColumnVector& grp, int K)
                                             " components, got " + std::to_string(K));
     const double* labels = labels_of(x, grp);
     emstructuneq result;
-    record(fit_components(FitData(x), labels, K, std::cout), result);
+    record(on_main_thread([&] { return fit_components(FitData(x), labels, K, std::cout); }), result);
     return result;
 }
 
@@ -344,7 +379,7 @@ emstruct em_from_initial_estimates(const Matrix& x, Matrix mu, Matrix sigma, Col
     std::copy(pi.Store(), pi.Store() + K, s.pi.begin());
     std::vector<double> cov(sigma.Store(), sigma.Store() + static_cast<std::size_t>(p) * p);
     CommonCovariance model(cov, K, p, true);
-    em_pass::run(data, s, model, SizeGuard::none, std::cout);
+    on_main_thread([&] { em_pass::run(data, s, model, SizeGuard::none, std::cout); });
     emstruct result;
     copy_into(s.mu, K, p, result.mu);
     copy_into(cov, p, p, result.sigma);

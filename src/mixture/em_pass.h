@@ -7,9 +7,9 @@
 // Every scaling by a scalar is done as the matrix library does it, by
 // multiplying with the reciprocal, and every sum runs in observation order,
 // so the results agree bit for bit with the same steps written as whole
-// matrix operations. The working state lives in plain arrays: a fit touches
-// the matrix library only where its covariance model inverts, under the
-// library's lock, so fits can run side by side on worker threads.
+// matrix operations. The working state lives in plain arrays and the
+// covariances are inverted by our own routines: a fit never calls the matrix
+// library, so fits can run side by side on worker threads.
 #pragma once
 
 #include <cstddef>

@@ -154,7 +154,7 @@ public:
         for (std::size_t ind = 0; ind < c.draws.ready; ++ind) {
             const std::exception_ptr failure = board_.wait(c.task[ind]);
             std::cout << c.said[ind].str() << std::flush;
-            if (failure) std::rethrow_exception(failure);
+            if (failure) rethrow_fit_failure(failure);
             best.offer(c.fits[ind].loglik);
         }
         if (c.draws.failure) std::rethrow_exception(c.draws.failure);
