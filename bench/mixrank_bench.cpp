@@ -35,6 +35,7 @@
 #include "common/settings.h"
 #include "io/data_reader.h"
 #include "io/param_file.h"
+#include "data/preparation.h"
 #include "risk/kernel.h"
 #include "risk/risk_loop.h"
 #include "starts/emsr.h"
@@ -111,20 +112,15 @@ double timed(const std::function<void()>& f)
 void phases(const std::string& datafile, int n)
 {
     using namespace mixrank;
-    obs = 0;
-    dim = 0;
-    h = 0.5;
     srand48(1);
     std::streambuf* old = std::cout.rdbuf(nullptr);  // the routines' own messages
     Matrix x;
     double t_read = timed([&] {
-        obs = n;
-        dim = 4;
         x = read_data(datafile, n, 4);
         scale_columns(x);
     });
     KernelSummary kernel;
-    const double t_kernel = timed([&] { kernel = kernel_summary(x); });
+    const double t_kernel = timed([&] { kernel = kernel_summary(x, 0.5); });
     std::ostringstream param;
     const double t_fit = timed([&] { emsr(x, "bench.param", param, 6, 10, 10, 'E'); });
     std::istringstream models(param.str());

@@ -13,12 +13,11 @@
 #include "classify/classify.h"
 #include "common/matrix.h"
 #include "common/settings.h"
-#include "io/data_checks.h"
+#include "data/preparation.h"
 #include "io/atomic_file.h"
 #include "io/data_reader.h"
 #include "io/whole_file.h"
 #include "mixture/records.h"
-#include "risk/kernel.h"
 
 namespace mixrank {
 
@@ -67,9 +66,7 @@ Matrix read_checked_data(const ClassifyOptions& o)
                            "' is not rectangular: every line must hold the same number of values");
         }
     }
-    obs = x.Nrows();
-    dim = x.Ncols();
-    std::cout << "Read  " << obs << "  data points of dimension  " << dim << " from file:" << o.datafile
+    std::cout << "Read  " << x.Nrows() << "  data points of dimension  " << x.Ncols() << " from file:" << o.datafile
               << std::endl;
     check_data(x, o.datafile);
     return x;
@@ -169,9 +166,9 @@ int classify_run(int argc, char** argv)
         if (same_file(outfile, *input))
             throw RunError("the classification file " + outfile + " would replace the input file " + *input);
     if (o.method == 'E')
-        classify_and_write(o, original, scaled, sd, stored_model_e(o.components, dim, param, o.paramfile), outfile);
+        classify_and_write(o, original, scaled, sd, stored_model_e(o.components, original.Ncols(), param, o.paramfile), outfile);
     else
-        classify_and_write(o, original, scaled, sd, stored_model_u(o.components, dim, param, o.paramfile), outfile);
+        classify_and_write(o, original, scaled, sd, stored_model_u(o.components, original.Ncols(), param, o.paramfile), outfile);
     return 0;
 }
 

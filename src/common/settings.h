@@ -1,17 +1,10 @@
-// Process-wide settings and constant strings shared by the subsystems.
+// Constant strings shared by the subsystems, and the two ways a run ends early.
 #pragma once
 
 #include <stdexcept>
 #include <string>
 
 namespace mixrank {
-
-// Set by the command line or the dialogue and by the data reader; read by the
-// kernel, distance and score computations.
-extern int obs;         // number of observations n (0: detect from the file)
-extern int dim;         // dimension d (0: detect from the file)
-extern double h;        // kernel bandwidth ("Tuning h")
-extern unsigned seed;   // random seed (0: take it from the clock)
 
 // Terminal attributes used by the report and the progress line.
 extern const char BOLD[];     // ESC "[1m"

@@ -44,9 +44,9 @@ std::string scan_options(int argc, char** argv, RunConfig& config, std::ostream&
         switch (arg[1]) {
             case 'e': config.method = 'E'; config.Methodname = "equal"; break;
             case 'u': config.method = 'U'; config.Methodname = "unequal"; break;
-            case 'h': h = std::atof(option_value(i, argc, argv)); break;
-            case 'n': obs = std::atoi(option_value(i, argc, argv)); break;
-            case 'd': dim = std::atoi(option_value(i, argc, argv)); break;
+            case 'h': config.h = std::atof(option_value(i, argc, argv)); break;
+            case 'n': config.obs = std::atoi(option_value(i, argc, argv)); break;
+            case 'd': config.dim = std::atoi(option_value(i, argc, argv)); break;
             case 'g':
                 max_from = std::string("option ") + arg;
                 config.max = std::atoi(option_value(i, argc, argv));
@@ -55,7 +55,7 @@ std::string scan_options(int argc, char** argv, RunConfig& config, std::ostream&
             case 'p': config.paramfile = option_value(i, argc, argv); break;
             case 'k': config.nokmn = std::atoi(option_value(i, argc, argv)); break;
             case 'r': config.nornd = std::atoi(option_value(i, argc, argv)); break;
-            case 's': seed = static_cast<unsigned>(std::atoi(option_value(i, argc, argv))); break;
+            case 's': config.seed = static_cast<unsigned>(std::atoi(option_value(i, argc, argv))); break;
             case '1': config.EstMethod = 'Y'; break;
             case '2': config.EstMethod = 'N'; break;
             case '3': config.EstMethod = 'E'; break;
@@ -86,16 +86,16 @@ void derive_paramfile(RunConfig& config, std::ostream& out)
 void ask_data_settings(RunConfig& config, std::istream& in, std::ostream& out)
 {
     ask(in, out, "\nGive the name of the datafile:", "the data file", config.datafile);
-    ask(in, out, "\nNo of obs:", "the number of observations", obs);
-    ask(in, out, "\nNo of dim:", "the dimension", dim);
-    ask(in, out, "\nTuning h:", "the tuning parameter", h);
+    ask(in, out, "\nNo of obs:", "the number of observations", config.obs);
+    ask(in, out, "\nNo of dim:", "the dimension", config.dim);
+    ask(in, out, "\nTuning h:", "the tuning parameter", config.h);
     ask(in, out, "dummy:obs :", "the dummy number of observations", config.obs1);
 }
 
-void seed_from_clock(std::ostream& out)
+void seed_from_clock(RunConfig& config, std::ostream& out)
 {
-    seed = static_cast<unsigned>(std::time(nullptr));
-    out << "Using seed initialized from time =" << seed << "\n";
+    config.seed = static_cast<unsigned>(std::time(nullptr));
+    out << "Using seed initialized from time =" << config.seed << "\n";
 }
 
 // "<what> given with -<letter> must <rule>; got <value>", or "typed in the
@@ -115,10 +115,10 @@ void require(bool ok, const char* what, char letter, bool typed, const char* rul
 void check_settings(const RunConfig& config, bool typed)
 {
     require(config.max >= 1, "the number of components", 'g', typed, "be at least 1", config.max);
-    require(h > 0.0 && std::isfinite(h), "the tuning parameter h", 'h', typed,
-            "be a positive number", h);
-    require(obs >= 0, "the number of observations", 'n', typed, "not be negative", obs);
-    require(dim >= 0, "the dimension", 'd', typed, "not be negative", dim);
+    require(config.h > 0.0 && std::isfinite(config.h), "the tuning parameter h", 'h', typed,
+            "be a positive number", config.h);
+    require(config.obs >= 0, "the number of observations", 'n', typed, "not be negative", config.obs);
+    require(config.dim >= 0, "the dimension", 'd', typed, "not be negative", config.dim);
     require(config.nokmn >= 0, "the number of K-means starts", 'k', typed, "not be negative",
             config.nokmn);
     require(config.nornd >= 0, "the number of random starts", 'r', typed, "not be negative",
@@ -136,8 +136,6 @@ void check_max(const RunConfig& config, const std::string& where)
 RunConfig configure(int argc, char** argv, std::istream& in, std::ostream& out)
 {
     RunConfig config;
-    h = 0.5;
-    seed = 0;
     if (is_help_request(argc, argv)) Usage(out);
 
     const std::string max_from = scan_options(argc, argv, config, out);
@@ -151,9 +149,9 @@ RunConfig configure(int argc, char** argv, std::istream& in, std::ostream& out)
     }
     derive_paramfile(config, out);
 
-    if (config.nocommandline == 1) ask(in, out, "GIVE seed:", "the seed", seed);
-    if (seed == 0) seed_from_clock(out);
-    srand48(seed);
+    if (config.nocommandline == 1) ask(in, out, "GIVE seed:", "the seed", config.seed);
+    if (config.seed == 0) seed_from_clock(config, out);
+    srand48(config.seed);
 
     if (config.nocommandline == 1) ask_data_settings(config, in, out);
     out.flush();

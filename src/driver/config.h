@@ -19,14 +19,18 @@ struct RunConfig {
     int nocommandline = 1;    // 1: interactive dialogue
     bool output = false;      // -o: accepted, read by nothing
     int obs1{};               // "dummy:obs :" answer, never used
+    int obs = 0;              // number of observations n (0: detect from the file)
+    int dim = 0;              // dimension d (0: detect from the file)
+    double h = 0.5;           // kernel bandwidth ("Tuning h")
+    unsigned seed = 0;        // random seed (0: take it from the clock)
 };
 
 // Prints the 28-line usage text to out and ends the run with status 1.
 [[noreturn]] void Usage(std::ostream& out);
 
 // Builds the configuration from the command line (and, in interactive mode,
-// from the answers read from in), sets the process-wide obs, dim, h and seed,
-// and seeds drand48. Prompts and messages go to out.
+// from the answers read from in), taking the seed from the clock when none is
+// given. Prompts and messages go to out.
 RunConfig configure(int argc, char** argv, std::istream& in, std::ostream& out);
 
 // Refuses a largest component count the component-covariance model cannot

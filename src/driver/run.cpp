@@ -17,7 +17,7 @@
 #include "driver/dialogue.h"
 #include "driver/run_files.h"
 #include "io/atomic_file.h"
-#include "io/data_checks.h"
+#include "data/preparation.h"
 #include "io/data_reader.h"
 #include "io/emmix.h"
 #include "io/whole_file.h"
@@ -37,7 +37,7 @@ const std::string kRule54(54, '_');
 // Reads the data (detecting n and d unless both are given), reports it,
 // refuses data that cannot be scaled or scored, and scales every column to
 // unit spread. Nothing has been written when a refusal ends the run here.
-void read_and_scale(const RunConfig& config, Matrix& x)
+void read_and_scale(RunConfig& config, Matrix& x)
 {
     // Read once, whole: a FIFO gives its stream once and never makes the run wait.
     const WholeFile data = read_whole_file(config.datafile);
@@ -49,15 +49,15 @@ void read_and_scale(const RunConfig& config, Matrix& x)
         throw RunError("the data file '" + config.datafile + "' is not a regular file or a pipe");
     if (data.outcome == WholeFile::read_failed)
         throw RunError("cannot read the data file '" + config.datafile + "': " + std::strerror(data.error));
-    if (obs != 0 && dim != 0) {
-        x = parse_data(data.bytes, config.datafile, obs, dim);
+    if (config.obs != 0 && config.dim != 0) {
+        x = parse_data(data.bytes, config.datafile, config.obs, config.dim);
     } else {
         x = parse_data(data.bytes, config.datafile);
-        obs = x.Nrows();
-        dim = x.Ncols();
+        config.obs = x.Nrows();
+        config.dim = x.Ncols();
     }
     check_sizes(config, config.nocommandline == 0);
-    std::cout << "Read  " << obs << "  data points of dimension  " << dim
+    std::cout << "Read  " << config.obs << "  data points of dimension  " << config.dim
               << " from file:" << config.datafile << std::endl;
     check_data(x, config.datafile);
     scale_columns(x);
@@ -65,9 +65,9 @@ void read_and_scale(const RunConfig& config, Matrix& x)
 
 // The kernel step: the centred kernel's summary and degrees of freedom, and
 // whether they lie in the useful range.
-KernelSummary build_kernel(const Matrix& x)
+KernelSummary build_kernel(const Matrix& x, double h)
 {
-    const KernelSummary kernel = kernel_summary(x);
+    const KernelSummary kernel = kernel_summary(x, h);
     // Distinct points give a centred kernel of positive trace; a bandwidth so
     // large or small that the kernel values overflow or vanish does not.
     if (!(std::isfinite(kernel.kxx) && kernel.kxx > 0.0 && std::isfinite(kernel.scale))) {
@@ -76,7 +76,7 @@ KernelSummary build_kernel(const Matrix& x)
           << " gives no usable degrees of freedom (Sdof " << kernel.kxx << "); choose another h";
         throw RunError(s.str());
     }
-    dof_range_warning(kernel.kxx, obs, std::cout);
+    dof_range_warning(kernel.kxx, x.Nrows(), std::cout);
     return kernel;
 }
 
@@ -92,8 +92,8 @@ void write_scaled_copy(std::ofstream& std_copy, const Matrix& x, const std::stri
 // refused here, before the parameter file is opened for writing.
 void check_kmeans_groups(const RunConfig& config)
 {
-    if (config.nokmn <= 0 || config.max < 2 || config.max < obs) return;
-    throw RunError("the K-means starts cannot split " + std::to_string(obs) +
+    if (config.nokmn <= 0 || config.max < 2 || config.max < config.obs) return;
+    throw RunError("the K-means starts cannot split " + std::to_string(config.obs) +
                    " observations into " + std::to_string(config.max) +
                    " groups: ask for fewer components than observations, or for no K-means starts");
 }
@@ -105,7 +105,7 @@ void check_kmeans_groups(const RunConfig& config)
 // over the name since.
 std::string estimate(RunConfig& config, const Matrix& x, const std::string& datafile_std, char which)
 {
-    if (which == 'N') check_linkage_memory(obs, dim, config.max);
+    if (which == 'N') check_linkage_memory(config.obs, config.dim, config.max);
     std::ofstream std_copy(datafile_std, std::ios::out | std::ios::trunc);
     write_scaled_copy(std_copy, x, datafile_std);
     if (config.nocommandline == 1) ask_starts(config, std::cin, std::cout);
@@ -113,8 +113,8 @@ std::string estimate(RunConfig& config, const Matrix& x, const std::string& data
     if (which == 'E') {
         std::cout << "STARTED  EMMIX   (parameters stored in)   " << config.paramfile << std::endl;
         try {
-            emmix(datafile_std, config.paramfile, obs, config.max, dim, config.nokmn, config.nornd,
-                  config.method);
+            emmix(datafile_std, config.paramfile, config.obs, config.max, config.dim, config.nokmn, config.nornd,
+                  config.method, config.seed);
         } catch (const RunError&) {
             remove_exchange_files(datafile_std);
             throw;
@@ -158,7 +158,7 @@ int run(int argc, char** argv)
 
     Matrix x;
     read_and_scale(config, x);
-    const KernelSummary kernel = build_kernel(x);
+    const KernelSummary kernel = build_kernel(x, config.h);
 
     if (config.nocommandline == 1) ask_max(config, std::cin, std::cout);
     std::cout << "\n";

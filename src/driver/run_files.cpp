@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "common/settings.h"
-#include "io/data_checks.h"
+#include "data/preparation.h"
 #include "io/whole_file.h"
 #include "risk/report.h"
 
@@ -52,11 +52,11 @@ bool same_file(const std::string& a, const std::string& b)
 
 void check_sizes(const RunConfig& config, bool with_score)
 {
-    if (obs <= 0 || dim <= 0) return;
-    const std::size_t n = static_cast<std::size_t>(obs);
-    check_matrix_size("data matrix", n, static_cast<std::size_t>(dim));
+    if (config.obs <= 0 || config.dim <= 0) return;
+    const std::size_t n = static_cast<std::size_t>(config.obs);
+    check_matrix_size("data matrix", n, static_cast<std::size_t>(config.dim));
     if (!with_score || config.max < 1) return;
-    const long double P = score_columns_wide(config.method == 'E', dim, config.max);
+    const long double P = score_columns_wide(config.method == 'E', config.dim, config.max);
     const std::size_t columns = P < 1e19L ? static_cast<std::size_t>(P) : static_cast<std::size_t>(1e19L);
     check_matrix_size("score matrix of the model with " + std::to_string(config.max) + " components", n,
                       columns);

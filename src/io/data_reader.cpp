@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "common/settings.h"
-#include "io/data_checks.h"
+#include "data/preparation.h"
 #include "io/whole_file.h"
 
 namespace mixrank {

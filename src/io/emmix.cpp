@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <cstdlib>
@@ -19,18 +20,30 @@ namespace mixrank {
 
 void write_answer_script(std::ostream& script, const std::string& datafile,
                          const std::string& paramfile, int obs, int max, int dim, int nokmn,
-                         int nornd, char method)
+                         int nornd, char method, unsigned seed)
 {
     script << "3\n" << datafile << "\n" << "sample.out\n" << "n\n";
     script << obs << "\n" << dim << "\n" << dim << "\n";
     script << "1\n" << max << "\n" << (method == 'E' ? "1" : "2") << "\n";
     script << nornd << "\n" << "20 \n" << nokmn << "\n";
     script << "y \n 4 \n 1 \n" << paramfile << "\n 0 \n 0 \n 0 " << "\n";
-    std::srand(seed);
-    const int r1 = std::rand();
-    const int r2 = std::rand();
-    const int r3 = std::rand();
-    script << r3 << "\n" << r2 << "\n" << r1 << "\n";
+    const std::vector<int> r = rand_sequence(seed, 3);
+    script << r[2] << "\n" << r[1] << "\n" << r[0] << "\n";
+}
+
+std::vector<int> rand_sequence(unsigned seed, int count)
+{
+    // rand() is random() on a 128-byte state; srand(seed) is srandom(seed).
+    char state[128] = {};
+    random_data data{};
+    initstate_r(seed, state, sizeof state, &data);
+    std::vector<int> out;
+    for (int i = 0; i < count; ++i) {
+        std::int32_t value = 0;
+        random_r(&data, &value);
+        out.push_back(value);
+    }
+    return out;
 }
 
 namespace {
@@ -78,12 +91,12 @@ void run_program(const std::string& script)
 }  // namespace
 
 double emmix(const std::string& datafile, const std::string& paramfile, int obs, int max, int dim,
-             int nokmn, int nornd, char method)
+             int nokmn, int nornd, char method, unsigned seed)
 {
     const std::string emmix_input_file = datafile + ".em";
     {
         std::ofstream script(emmix_input_file, std::ios::out | std::ios::trunc);
-        write_answer_script(script, datafile, paramfile, obs, max, dim, nokmn, nornd, method);
+        write_answer_script(script, datafile, paramfile, obs, max, dim, nokmn, nornd, method, seed);
         script.close();
         if (!script) throw RunError("cannot write the answer script '" + emmix_input_file + "' for ./emmix");
     }

@@ -2,7 +2,6 @@
 
 #include <vector>
 
-#include "common/settings.h"
 #include "mixture/density.h"
 #include "risk/model_shape.h"
 
@@ -11,7 +10,7 @@ namespace mixrank {
 namespace {
 
 // h^2 times the d x d identity.
-void bandwidth_matrix(int d, Matrix& sig)
+void bandwidth_matrix(int d, double h, Matrix& sig)
 {
     sig.ReSize(d, d);
     sig = 0.0;
@@ -50,12 +49,12 @@ double centred_mean(const std::vector<double>& kx, double kk, double knew_total)
 
 }  // namespace
 
-double distance(const Matrix& x, const emstruct& final, int component, double knew_total)
+double distance(const Matrix& x, const emstruct& final, int component, double knew_total, double h)
 {
     check_model_shape(x, final, component);
     const int d = x.Ncols(), g = component;
     Matrix sig;
-    bandwidth_matrix(d, sig);
+    bandwidth_matrix(d, h, sig);
     const Matrix& mu = final.mu;
     const ColumnVector& prop = final.pi;
     const Matrix& var = final.sigma;
@@ -75,12 +74,12 @@ double distance(const Matrix& x, const emstruct& final, int component, double kn
     return centred_mean(kx, kk, knew_total);
 }
 
-double distance(const Matrix& x, const emstructuneq& final, int component, double knew_total)
+double distance(const Matrix& x, const emstructuneq& final, int component, double knew_total, double h)
 {
     check_model_shape(x, final, component);
     const int d = x.Ncols(), g = component;
     Matrix sig;
-    bandwidth_matrix(d, sig);
+    bandwidth_matrix(d, h, sig);
     const Matrix& mu = final.mu;
     const ColumnVector& prop = final.pi;
 

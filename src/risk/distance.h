@@ -6,8 +6,9 @@
 
 namespace mixrank {
 
-// knew_total is the sum of all entries of the kernel matrix of x.
-double distance(const Matrix& x, const emstruct& final, int component, double knew_total);
-double distance(const Matrix& x, const emstructuneq& final, int component, double knew_total);
+// knew_total is the sum of all entries of the kernel matrix of x with
+// bandwidth h.
+double distance(const Matrix& x, const emstruct& final, int component, double knew_total, double h);
+double distance(const Matrix& x, const emstructuneq& final, int component, double knew_total, double h);
 
 }  // namespace mixrank

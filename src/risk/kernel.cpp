@@ -6,27 +6,10 @@
 #include <cmath>
 #include <ostream>
 
-#include "common/settings.h"
 #include "mixture/lanes.h"
 #include "risk/kernel_blocks.h"
 
 namespace mixrank {
-
-double variance(const ColumnVector& x)
-{
-    const double sum = x.Sum();
-    const double sumsq = x.SumSquare();
-    const int n = obs;  // callers pass data columns of length obs
-    return (sumsq / n - std::pow(sum / n, 2.0)) * n / (n - 1);
-}
-
-void scale_columns(Matrix& x)
-{
-    for (int j = 1; j <= x.Ncols(); ++j) {
-        const double v = variance(x.Column(j));
-        x.Column(j) = x.Column(j) / std::sqrt(v);
-    }
-}
 
 double centred_entry(double k, std::size_t i, std::size_t j, const KernelSummary& kernel)
 {
@@ -217,10 +200,11 @@ void centred_sums(const KernelBlocks& k, KernelSummary& r)
 
 }  // namespace
 
-KernelSummary kernel_summary(const Matrix& x)
+KernelSummary kernel_summary(const Matrix& x, double h)
 {
-    const KernelBlocks k(x);
+    const KernelBlocks k(x, h);
     KernelSummary r;
+    r.h = h;
     std::vector<double> sums, squares;
     kernel_means(k, r, sums, squares);
     r.passes = 1;
@@ -234,7 +218,7 @@ KernelSummary kernel_summary(const Matrix& x)
 void centred_kernel_product(const Matrix& x, const KernelSummary& kernel, const double* B, std::size_t cols,
                             std::vector<double>& Y)
 {
-    const KernelBlocks k(x);
+    const KernelBlocks k(x, kernel.h);
     const std::size_t n = k.size(), T = KernelBlocks::kTile;
     Y.assign(n * cols, 0.0);
     if (cols == 0) return;

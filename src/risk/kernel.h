@@ -1,4 +1,4 @@
-// Column scaling, the kernel step (the centred Gaussian kernel's summary and
+// The kernel step (the centred Gaussian kernel's summary and
 // spectral degrees of freedom) and the product of the rescaled centred
 // kernel with a block of columns, all without storing an n x n matrix.
 #pragma once
@@ -11,13 +11,8 @@
 
 namespace mixrank {
 
-// Sample variance of a data column; divides by the global obs.
-double variance(const ColumnVector& x);
-
-// Divides every column of x by its standard deviation (no centring).
-void scale_columns(Matrix& x);
-
 struct KernelSummary {
+    double h{};           // the bandwidth ("Tuning h")
     double knew_total{};  // sum of all entries of the kernel matrix K
     double kxx{};         // spectral degrees of freedom (Sdof)
     double kff{};         // sum of the off-diagonal entries of K*
@@ -37,14 +32,14 @@ struct KernelSummary {
 // degrees of freedom and the scale. One pass over the kernel's tiles, and
 // a second one when the sums of the first cannot give trace(K* K*) exactly
 // enough.
-KernelSummary kernel_summary(const Matrix& x);
+KernelSummary kernel_summary(const Matrix& x, double h);
 
 // Entry (i, j) of K* (0-based), centred as the kernel step centres it: the
 // row mean of the larger index is subtracted first.
 double centred_entry(double k, std::size_t i, std::size_t j, const KernelSummary& kernel);
 
-// Y = (K* / scale) B for the n x cols row-major block B; Y is n x cols,
-// row-major. One pass over the kernel's blocks.
+// Y = (K* / scale) B for the n x cols row-major block B, with the kernel's
+// bandwidth; Y is n x cols, row-major. One pass over the kernel's blocks.
 void centred_kernel_product(const Matrix& x, const KernelSummary& kernel, const double* B, std::size_t cols,
                             std::vector<double>& Y);
 

@@ -4,13 +4,12 @@
 #include <cmath>
 
 #include "common/libm.h"
-#include "common/settings.h"
 #include "mixture/density.h"
 #include "mixture/lanes.h"
 
 namespace mixrank {
 
-KernelBlocks::KernelBlocks(const Matrix& x)
+KernelBlocks::KernelBlocks(const Matrix& x, double h)
     : n_(static_cast<std::size_t>(x.Nrows())),
       d_(static_cast<std::size_t>(x.Ncols())),
       x_(x.Store(), x.Store() + n_ * d_),

@@ -21,7 +21,7 @@ public:
 
     // Kernel of the rows of x with bandwidth h and the normalising constant
     // of the normal density.
-    explicit KernelBlocks(const Matrix& x);
+    KernelBlocks(const Matrix& x, double h);
 
     std::size_t size() const { return n_; }
 

@@ -45,7 +45,7 @@ void prepare(const Matrix& x, const Record& final, int g, const KernelSummary& k
 {
     const int n = x.Nrows();
     m.LL = log_likelihood(x, final);
-    const double dkmean = distance(x, final, g, kernel.knew_total);
+    const double dkmean = distance(x, final, g, kernel.knew_total, kernel.h);
     m.DIST = (static_cast<double>(n) * n) * dkmean / kernel.scale;
     m.M = score(x, final, g);
     projection_factor(m.M, m.Q);

@@ -34,17 +34,18 @@ const std::string kPrompts = "\nGive the name of the datafile:\nNo of obs:\nNo o
 // from the clock shows as T.
 static std::string run(std::vector<std::string> args, const std::string& answers = "")
 {
-    obs = dim = 0;
     std::vector<char*> argv{const_cast<char*>("mixrank")};
     for (auto& a : args) argv.push_back(&a[0]);
     std::istringstream in(answers);
     std::ostringstream out, s;
+    unsigned seed = 0;
     const std::time_t before = std::time(nullptr);
     try {
         const RunConfig c = configure(static_cast<int>(argv.size()), argv.data(), in, out);
+        seed = c.seed;
         std::ostringstream all;
         all << "method=" << c.method << " name=" << c.Methodname << " est=" << c.EstMethod << " g=" << c.max << " k="
-            << c.nokmn << " r=" << c.nornd << " n=" << obs << " d=" << dim << " h=" << h << " s=" << seed << " i="
+            << c.nokmn << " r=" << c.nornd << " n=" << c.obs << " d=" << c.dim << " h=" << c.h << " s=" << c.seed << " i="
             << c.datafile << " p=" << c.paramfile << " o=" << c.output << " dialogue=" << c.nocommandline << " obs1=" << c.obs1;
         const std::string defaults = " method=E name= est=N g=6 k=10 r=10 n=0 d=0 h=0.5 s=1 i=sample.dat "
                                      "p=sample.param o=0 dialogue=0 obs1=0 ";

@@ -18,10 +18,9 @@ TEST(KernelMatrices, BlockwiseKernelStepAgreesWithTheWholeMatrices)
     const struct { int n, d; double h; } cases[] = {{1101, 2, 0.5}, {150, 1, 0.5}, {150, 3, 0.5}, {150, 2, 8.0}};
     for (const auto& c : cases) {
         const int n = c.n;
-        const Settings settings(n, c.d, c.h);
         const Matrix x = Numbers(static_cast<unsigned short>(c.d)).points(n, c.d, 3.0, 2, 1.0);
-        const Matrix k = literal_kernel(x), centred = literal_centred(k);
-        const KernelSummary r = kernel_summary(x);
+        const Matrix k = literal_kernel(x, c.h), centred = literal_centred(k);
+        const KernelSummary r = kernel_summary(x, c.h);
         EXPECT_EQ(r.passes, c.h > 1.0 ? 2 : 1) << "a second pass only where centring cancels";
         int wrong = 0;  // each row summed tile by tile; exactly as a whole row while one tile spans it
         for (int i = 1; i <= n; ++i) {
@@ -52,7 +51,7 @@ TEST(KernelMatrices, BlockwiseKernelStepAgreesWithTheWholeMatrices)
 
         // Bit for bit the same on one thread as on all of the machine's.
         setenv("OMP_NUM_THREADS", "1", 1);
-        const KernelSummary alone = kernel_summary(x);
+        const KernelSummary alone = kernel_summary(x, c.h);
         std::vector<double> Y1;
         centred_kernel_product(x, alone, B.Store(), 3, Y1);
         unsetenv("OMP_NUM_THREADS");

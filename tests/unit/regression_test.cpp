@@ -47,9 +47,8 @@ TEST(RiskRegression, EveryColumnOfBothCovarianceTypesAgreesWithThePlainForms)
 {
     for (int d : {1, 2, 3}) {
         const int n = 90;
-        const Settings settings(n, d, 0.5);
         Numbers numbers(static_cast<unsigned short>(20 + d));
-        const Matrix x = numbers.points(n, d, 2.0, 3, 1.5), centred = literal_centred(literal_kernel(x));
+        const Matrix x = numbers.points(n, d, 2.0, 3, 1.5), centred = literal_centred(literal_kernel(x, 0.5));
         const double scale = centred.SumSquare() / centred.Trace(), kxx = centred.Trace() / scale;
         const float logn = std::log(float(n));  // in single precision
         std::ostringstream common_file, per_file, screen;
@@ -58,12 +57,12 @@ TEST(RiskRegression, EveryColumnOfBothCovarianceTypesAgreesWithThePlainForms)
         // kernel matrix centred and rescaled as a whole, P = M (M'M)^-1 M' formed explicitly.
         auto compare = [&](const std::string& file, char method, auto reader) {
             std::istringstream param(file), again(file);
-            const RiskTable t = risk_calculation(x, kernel_summary(x), 3, method, param, "models.param", screen);
+            const RiskTable t = risk_calculation(x, kernel_summary(x, 0.5), 3, method, param, "models.param", screen);
             for (int g = 1; g <= 3; ++g) {
                 const auto fit = reader(g, d, again);
                 const Matrix M = literal_score(x, fit);  // and the score matrix itself, entry by entry
                 EXPECT_LT(Matrix(score(x, fit, g) - M).MaximumAbsoluteValue(), 1e-12 * M.MaximumAbsoluteValue()) << method << d << g;
-                const double p = M.Ncols() - 1.0, LL = log_likelihood(x, fit), DIST = (n * n) * literal_distance(x, fit) / scale;
+                const double p = M.Ncols() - 1.0, LL = log_likelihood(x, fit), DIST = (n * n) * literal_distance(x, fit, 0.5) / scale;
                 const double EE = Matrix(literal_projection(M) * centred).Trace() / scale, MLF = DIST - (kxx - EE);
                 const double want[] = {DIST, EE, MLF, MLF + EE, MLF + (logn / 2.0f) * EE, LL, 2.0 * (-LL + p), 2.0 * (-LL) + logn * p, p};
                 const double got[] = {t.DIST(g), t.EE(g), t.MLF(g), t.RISK(g), t.RISKB(g), t.LL(g), t.AIC(g), t.BIC(g), t.nparam(g)};
@@ -78,9 +77,8 @@ TEST(RiskRegression, EveryColumnOfBothCovarianceTypesAgreesWithThePlainForms)
 
 TEST(RiskRegression, NearlyDependentModelIsUnstableAndAShortFileWarnsOnceLeavingNaNRows)
 {
-    const Settings settings(100, 2, 0.5);
     const Matrix x = Numbers(4).points(100, 2, 1.3, 2, 2.5);
-    const KernelSummary kernel = kernel_summary(x);
+    const KernelSummary kernel = kernel_summary(x, 0.5);
     // Models g = 1 and 2 (whose components nearly coincide) for d = 2; the one for g = 3 is missing.
     std::istringstream param("1.9 1.9 \n0.8 \n0.5 0.9 \n1.0 \n1.9 1.9 \n0.8 \n0.5 0.9 \n1.9 1.9000001 \n0.8 \n0.5 0.9 \n0.5 0.5 \n");
     std::ostringstream screen;

@@ -22,13 +22,6 @@ inline Matrix mat(int rows, int cols, std::initializer_list<double> values)
     return m;
 }
 
-// Sets obs, dim and h for one test and restores them afterwards.
-struct Settings {
-    Settings(int n, int d, double bw) : obs_(obs), dim_(dim), h_(h) { obs = n, dim = d, h = bw; }
-    ~Settings() { obs = obs_, dim = dim_, h = h_; }
-    const int obs_, dim_; const double h_;
-};
-
 // Numbers from a fixed erand48 stream.
 struct Numbers {
     explicit Numbers(unsigned short seed) : state{seed, 7, 11} {}
@@ -57,7 +50,7 @@ struct Numbers {
 };
 
 // The n x n kernel matrix of the rows of x, every entry from the formula.
-inline Matrix literal_kernel(const Matrix& x)
+inline Matrix literal_kernel(const Matrix& x, double h)
 {
     const int n = x.Nrows(), d = x.Ncols();
     Matrix k(n, n);
@@ -84,7 +77,7 @@ inline Matrix literal_centred(const Matrix& k)
 // The distance as the mean over all pairs (i, j) of K(x_i, x_j) - kx(i) - kx(j) + kk, with the
 // covariances inverted afresh for every term.
 template <class Record>
-double literal_distance(const Matrix& x, const Record& fit)
+double literal_distance(const Matrix& x, const Record& fit, double h)
 {
     const int n = x.Nrows(), g = fit.mu.Nrows();
     const Matrix sig = h * h * IdentityMatrix(x.Ncols());
@@ -94,7 +87,7 @@ double literal_distance(const Matrix& x, const Record& fit)
         for (int l = 1; l <= g; ++l) kk += fit.pi(k) * fit.pi(l) * MVNpdf(fit.mu.Row(k), fit.mu.Row(l), (cov(k) + cov(l) + sig).i());
         for (int i = 1; i <= n; ++i) kx += fit.pi(k) * MVNpdf(x.Row(i), fit.mu.Row(k), (cov(k) + sig).i());
     }
-    return literal_kernel(x).Sum() / (double(n) * n) - 2.0 * kx / n + kk;
+    return literal_kernel(x, h).Sum() / (double(n) * n) - 2.0 * kx / n + kk;
 }
 
 // P = M (M'M)^-1 M', formed explicitly.

@@ -1,4 +1,4 @@
-#include "io/data_checks.h"
+#include "data/preparation.h"
 
 #include <climits>
 #include <cmath>
@@ -7,7 +7,6 @@
 
 #include "common/format.h"
 #include "common/settings.h"
-#include "risk/kernel.h"
 
 namespace mixrank {
 
@@ -62,6 +61,25 @@ void check_spread(const Matrix& x, const std::string& datafile)
 }
 
 }  // namespace
+
+double variance(const ColumnVector& x)
+{
+    const double sum = x.Sum();
+    const double sumsq = x.SumSquare();
+    const int n = x.Nrows();
+    return (sumsq / n - std::pow(sum / n, 2.0)) * n / (n - 1);
+}
+
+std::vector<double> scale_columns(Matrix& x)
+{
+    std::vector<double> spreads;
+    for (int j = 1; j <= x.Ncols(); ++j) {
+        const double v = variance(x.Column(j));
+        spreads.push_back(std::sqrt(v));
+        x.Column(j) = x.Column(j) / std::sqrt(v);
+    }
+    return spreads;
+}
 
 void check_matrix_size(const std::string& what, std::size_t rows, std::size_t cols)
 {
