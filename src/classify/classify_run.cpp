@@ -17,7 +17,7 @@
 #include "io/atomic_file.h"
 #include "io/data_reader.h"
 #include "io/whole_file.h"
-#include "mixture/records.h"
+#include "mixture/mixture.h"
 
 namespace mixrank {
 

@@ -1,5 +1,8 @@
 #include "data/preparation.h"
 
+#include <mixrank/mixrank.h>
+
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -98,6 +101,73 @@ void check_data(const Matrix& x, const std::string& datafile)
     check_size(x, datafile);
     check_finite(x, datafile);
     check_spread(x, datafile);
+}
+
+namespace {
+
+[[noreturn]] void refuse_data(const std::string& message) { throw Error(Error::Kind::invalid_data, message); }
+
+}  // namespace
+
+// The library's data preparation: the same checks and the same scaling as
+// the classic program's, with messages that name rows and columns only.
+Data prepare_data(const double* values, std::size_t n, int d)
+{
+    if (n < static_cast<std::size_t>(kMinObservations))
+        refuse_data("the data hold " + std::to_string(n) + " observation(s); at least " +
+                    std::to_string(kMinObservations) + " are needed");
+    if (d < 1) refuse_data("the data hold no columns");
+    try {
+        check_matrix_size("data matrix", n, static_cast<std::size_t>(d));
+    } catch (const RunError& e) {
+        throw Error(Error::Kind::out_of_memory, e.what());
+    }
+    const std::size_t columns = static_cast<std::size_t>(d);
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t j = 0; j < columns; ++j)
+            if (!std::isfinite(values[i * columns + j]))
+                refuse_data("row " + std::to_string(i + 1) + ", column " + std::to_string(j + 1) +
+                            " is not a finite number");
+    Matrix x(static_cast<int>(n), d);
+    std::copy(values, values + n * columns, x.Store());
+    for (int j = 1; j <= d; ++j) {
+        const ColumnVector column = x.Column(j);
+        const double v = variance(column);
+        if (constant(column)) refuse_data("column " + std::to_string(j) + " is constant");
+        if (!(v > 0.0) || !std::isfinite(v))
+            refuse_data("column " + std::to_string(j) + " cannot be scaled: its variance is " + format("%g", v));
+    }
+    Data data;
+    data.n = n;
+    data.d = d;
+    data.spreads = scale_columns(x);
+    data.values.assign(x.Store(), x.Store() + n * columns);
+    return data;
+}
+
+Matrix data_matrix(const Data& data)
+{
+    Matrix x(static_cast<int>(data.n), data.d);
+    std::copy(data.values.begin(), data.values.end(), x.Store());
+    return x;
+}
+
+Mixture to_data_units(const Mixture& scaled, const std::vector<double>& spreads)
+{
+    const std::size_t d = static_cast<std::size_t>(scaled.dimension);
+    if (spreads.size() != d)
+        throw Error(Error::Kind::invalid_argument, "the mixture's dimension does not match the data's");
+    Mixture m = scaled;
+    for (std::size_t e = 0; e < m.means.size(); ++e) m.means[e] *= spreads[e % d];
+    for (std::size_t e = 0; e < m.covariances.size(); ++e)
+        m.covariances[e] *= spreads[(e / d) % d] * spreads[e % d];
+    return m;
+}
+
+long long parameter_count(CovarianceModel model, int components, int dimension)
+{
+    const long long g = components, d = dimension, triangle = d * (d + 1) / 2;
+    return model == CovarianceModel::common ? d * g + triangle + g - 1 : (triangle + d) * g + g - 1;
 }
 
 }  // namespace mixrank

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <mixrank/mixrank.h>
+
 #include "common/matrix.h"
 
 namespace mixrank {
@@ -29,6 +31,9 @@ double variance(const ColumnVector& x);
 // Divides every column of x by its standard deviation (no centring) and
 // returns the standard deviations, the data's units of the scaled columns.
 std::vector<double> scale_columns(Matrix& x);
+
+// The scaled values of prepared data as a matrix-library matrix.
+Matrix data_matrix(const Data& data);
 
 // Refuses (RunError), before anything is allocated, a matrix of rows x cols
 // numbers the matrix library cannot index (its sizes are int), naming the

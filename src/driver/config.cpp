@@ -10,7 +10,7 @@
 
 #include "common/settings.h"
 #include "driver/ask.h"
-#include "mixture/records.h"
+#include "mixture/mixture.h"
 
 namespace mixrank {
 

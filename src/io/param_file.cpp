@@ -1,20 +1,13 @@
 #include "io/param_file.h"
 
 #include <limits>
+#include <vector>
 
 #include "common/settings.h"
 
 namespace mixrank {
 
 namespace {
-
-void write_block_component(std::ostream& param, const Matrix& mu, int k, const Matrix& cov)
-{
-    param << mu.Row(k);
-    LowerTriangularMatrix lower;
-    lower << cov;  // keeps the lower triangle only
-    param << lower;
-}
 
 // Formatted extraction of one number; NaN once the stream has failed.
 double next_number(std::istream& param)
@@ -24,14 +17,28 @@ double next_number(std::istream& param)
     return std::numeric_limits<double>::quiet_NaN();
 }
 
-// Reads the mean rows, the covariance after each of them and the
-// proportions; store(k, cov) keeps the covariance of component k.
-template <class Store>
-void read_block(int g, int d, std::istream& param, Matrix& mu, ColumnVector& pi, Store store)
+}  // namespace
+
+void write_block(std::ostream& param, const Mixture& mixture)
 {
-    mu.ReSize(g, d);
-    pi.ReSize(g);
+    const Matrix mu = means_matrix(mixture);
+    for (int k = 1; k <= mixture.components; ++k) {
+        param << mu.Row(k);
+        LowerTriangularMatrix lower;
+        lower << covariance_matrix(mixture, k);  // keeps the lower triangle only
+        param << lower;
+    }
+    param << weights_vector(mixture).t();
+}
+
+Mixture read_block(std::istream& param, int g, int d, CovarianceModel model)
+{
+    if (model == CovarianceModel::per_component && g > kMaxUnequalComponents)
+        throw RunError("a component-covariance model holds at most 20 components");
+    Matrix mu(g, d);
+    ColumnVector pi(g);
     Matrix work(d, d);
+    std::vector<Matrix> covariances;
     for (int k = 1; k <= g; ++k) {
         for (int j = 1; j <= d; ++j) mu(k, j) = next_number(param);
         for (int r = 1; r <= d; ++r)
@@ -39,44 +46,10 @@ void read_block(int g, int d, std::istream& param, Matrix& mu, ColumnVector& pi,
                 work(r, c) = next_number(param);
                 work(c, r) = work(r, c);
             }
-        store(k, work);
+        if (model == CovarianceModel::per_component || k == g) covariances.push_back(work);
     }
     for (int k = 1; k <= g; ++k) pi(k) = next_number(param);
-}
-
-}  // namespace
-
-std::ostream& operator<<(std::ostream& param, const emstruct& final)
-{
-    for (int k = 1; k <= final.mu.Nrows(); ++k) write_block_component(param, final.mu, k, final.sigma);
-    param << final.pi.t();
-    return param;
-}
-
-std::ostream& operator<<(std::ostream& param, const emstructuneq& final)
-{
-    for (int k = 1; k <= final.mu.Nrows(); ++k)
-        write_block_component(param, final.mu, k, final.sigma[k].comp);
-    param << final.pi.t();
-    return param;
-}
-
-emstruct readparam_e(int component, int dim, std::istream& param)
-{
-    emstruct result;
-    read_block(component, dim, param, result.mu, result.pi,
-               [&](int, const Matrix& cov) { result.sigma = cov; });
-    return result;
-}
-
-emstructuneq readparam_u(int component, int dim, std::istream& param)
-{
-    if (component > kMaxUnequalComponents)
-        throw RunError("a component-covariance model holds at most 20 components");
-    emstructuneq result;
-    read_block(component, dim, param, result.mu, result.pi,
-               [&](int k, const Matrix& cov) { result.sigma[k].comp = cov; });
-    return result;
+    return mixture_from(model, mu, covariances, pi);
 }
 
 }  // namespace mixrank

@@ -1,22 +1,27 @@
 // The parameter file: one block per component count g = 1..G, each holding
 // for every component its mean line and the d lines of the lower triangle of
 // its covariance, then one line of the g proportions. Numbers in fixed
-// notation with six decimals, each followed by one blank.
+// notation with six decimals, each followed by one blank. A common
+// covariance is written after every component's mean line; the layouts of
+// the two covariance models are the same, so either can be read as either.
 #pragma once
 
 #include <istream>
 #include <ostream>
 
-#include "mixture/records.h"
+#include "mixture/mixture.h"
 
 namespace mixrank {
 
-std::ostream& operator<<(std::ostream& param, const emstruct& final);
-std::ostream& operator<<(std::ostream& param, const emstructuneq& final);
+// Writes one block (the stream's precision and width are those of the
+// caller's stream, six decimals and no width by default).
+void write_block(std::ostream& param, const Mixture& mixture);
 
-// Read one block with g = component. A number that cannot be read (end of
-// file, text) leaves the stream failed and that value and all later ones NaN.
-emstruct readparam_e(int component, int dim, std::istream& param);
-emstructuneq readparam_u(int component, int dim, std::istream& param);
+// Reads one block of g components in d dimensions as the given model: the
+// per-component model keeps every covariance read, the common model the one
+// read last. A number that cannot be read (end of file, text) leaves the
+// stream failed and that value and all later ones NaN. RunError for more
+// than 20 components of the per-component model.
+Mixture read_block(std::istream& param, int g, int d, CovarianceModel model);
 
 }  // namespace mixrank

@@ -1,7 +1,6 @@
 #include "mixture/density.h"
 
 #include <cmath>
-#include <iostream>
 #include <utility>
 
 #include "common/libm.h"
@@ -109,66 +108,28 @@ void NormalDensity::densities(std::size_t count, Scratch& s) const
     for (std::size_t b = 0; b < count; b += 2) store(q + b, load(q + b) * sqrt_det_ / constant_);
 }
 
-std::vector<NormalDensity> component_densities(const emstruct& fit)
+std::vector<NormalDensity> component_densities(const Mixture& fit)
 {
-    const NormalDensity common(fit.sigma.i());
-    return std::vector<NormalDensity>(fit.mu.Nrows(), common);
-}
-
-std::vector<NormalDensity> component_densities(const emstructuneq& fit)
-{
+    if (fit.model == CovarianceModel::common)
+        return std::vector<NormalDensity>(fit.components, NormalDensity(covariance_matrix(fit, 1).i()));
     std::vector<NormalDensity> out;
-    out.reserve(fit.mu.Nrows());
-    for (int k = 1; k <= fit.mu.Nrows(); ++k) out.emplace_back(fit.sigma[k].comp.i());
+    out.reserve(fit.components);
+    for (int k = 1; k <= fit.components; ++k) out.emplace_back(covariance_matrix(fit, k).i());
     return out;
 }
 
-namespace {
-
-template <class Record>
-double mixture_loglik(const Matrix& x, const Record& fit)
+double log_likelihood(const Matrix& x, const Mixture& fit)
 {
-    const int n = x.Nrows(), p = x.Ncols(), K = fit.mu.Nrows();
+    const int n = x.Nrows(), p = x.Ncols(), K = fit.components;
     const std::vector<NormalDensity> dens = component_densities(fit);
     const Real* xs = x.Store();
-    const Real* ms = fit.mu.Store();
     double loglik = 0.0;
     for (int i = 0; i < n; ++i) {
         double temp = 0.0;
-        for (int k = 0; k < K; ++k) temp += fit.pi(k + 1) * dens[k](xs + i * p, ms + k * p);
+        for (int k = 0; k < K; ++k) temp += fit.weights[k] * dens[k](xs + i * p, fit.mean(k));
         loglik += libm_log(temp);
     }
     return loglik;
 }
-
-template <class Record>
-ColumnVector classify(const Matrix& x, const Record& fit)
-{
-    const int n = x.Nrows(), p = x.Ncols(), K = fit.mu.Nrows();
-    std::cout << "k=" << K << std::endl;
-    const std::vector<NormalDensity> dens = component_densities(fit);
-    const Real* xs = x.Store();
-    const Real* ms = fit.mu.Store();
-    ColumnVector label(n);
-    for (int i = 0; i < n; ++i) {
-        label(i + 1) = 1.0;
-        double max = 0.0;
-        for (int k = 0; k < K; ++k) {
-            const double w = fit.pi(k + 1) * dens[k](xs + i * p, ms + k * p);
-            if (max < w) {
-                max = w;
-                label(i + 1) = k + 1;
-            }
-        }
-    }
-    return label;
-}
-
-}  // namespace
-
-double log_likelihood(const Matrix& x, const emstruct& final) { return mixture_loglik(x, final); }
-double log_likelihood(const Matrix& x, const emstructuneq& final) { return mixture_loglik(x, final); }
-ColumnVector posterior(const Matrix& x, const emstruct& final) { return classify(x, final); }
-ColumnVector posterior2(const Matrix& x, const emstructuneq& final) { return classify(x, final); }
 
 }  // namespace mixrank

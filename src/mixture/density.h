@@ -1,5 +1,5 @@
-// The normal density with the program's own normalising constant, the mixture
-// log-likelihood and maximum-posterior classification.
+// The normal density with the program's own normalising constant and the
+// mixture log-likelihood.
 #pragma once
 
 #include <cmath>
@@ -8,7 +8,7 @@
 
 #include "common/libm.h"
 #include "common/matrix.h"
-#include "mixture/records.h"
+#include "mixture/mixture.h"
 
 namespace mixrank {
 
@@ -63,15 +63,12 @@ private:
     double constant_;
 };
 
-// Densities of every component of a fit, each with its inverse prepared once.
-std::vector<NormalDensity> component_densities(const emstruct& fit);
-std::vector<NormalDensity> component_densities(const emstructuneq& fit);
+// Densities of every component of a fit, each with its inverse prepared once
+// by the matrix library (main thread only).
+std::vector<NormalDensity> component_densities(const Mixture& fit);
 
-double log_likelihood(const Matrix& x, const emstruct& final);
-double log_likelihood(const Matrix& x, const emstructuneq& final);
-
-// Labels 1..K of the largest pi_k f_k(x_i); both print "k=" K first.
-ColumnVector posterior(const Matrix& x, const emstruct& final);
-ColumnVector posterior2(const Matrix& x, const emstructuneq& final);
+// The log-likelihood of the rows of x: the sum over the rows of the log of
+// the sum over the components of pi_k f_k(x_i), in order.
+double log_likelihood(const Matrix& x, const Mixture& fit);
 
 }  // namespace mixrank

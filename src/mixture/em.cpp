@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iostream>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -232,40 +232,28 @@ void group_covariances(const FitData& x, const double* grp, State& s, std::vecto
     }
 }
 
-MixtureFit finished(State& s, std::vector<std::vector<double>> sigma)
+// The fit as a mixture, with how its EM ended.
+Mixture finished(State& s, CovarianceModel model, std::vector<std::vector<double>> sigma)
 {
-    MixtureFit fit;
-    fit.K = s.K;
-    fit.p = s.p;
-    fit.mu = std::move(s.mu);
-    fit.sigma = std::move(sigma);
-    fit.pi = std::move(s.pi);
+    Mixture fit;
+    fit.model = model;
+    fit.components = s.K;
+    fit.dimension = s.p;
+    fit.means = std::move(s.mu);
+    for (const std::vector<double>& c : sigma) fit.covariances.insert(fit.covariances.end(), c.begin(), c.end());
+    fit.weights = std::move(s.pi);
     fit.loglik = s.l_i;
+    fit.passes = s.iterations - 1;
+    fit.status = s.abandoned            ? FitStatus::degenerate
+                 : std::isnan(s.l_i)    ? FitStatus::not_a_number
+                 : s.converged          ? FitStatus::converged
+                                        : FitStatus::pass_limit;
     return fit;
-}
-
-void copy_into(const std::vector<double>& from, int rows, int cols, Matrix& to)
-{
-    to.ReSize(rows, cols);
-    std::copy(from.begin(), from.end(), to.Store());
-}
-
-void copy_into(const std::vector<double>& from, ColumnVector& to)
-{
-    to.ReSize(static_cast<int>(from.size()));
-    std::copy(from.begin(), from.end(), to.Store());
-}
-
-const double* labels_of(const Matrix& x, const ColumnVector& grp)
-{
-    require(grp.Nrows() == x.Nrows(), "starting partition has " + std::to_string(grp.Nrows()) +
-                                          " labels for " + std::to_string(x.Nrows()) + " observations");
-    return grp.Store();
 }
 
 }  // namespace
 
-MixtureFit fit_common(const FitData& x, const double* grp, int K, std::ostream& out)
+Mixture fit_common(const FitData& x, const double* grp, int K, std::ostream& out)
 {
     check_shape(x.p(), K);
     State s;
@@ -274,10 +262,10 @@ MixtureFit fit_common(const FitData& x, const double* grp, int K, std::ostream& 
     total_covariance(x, s, sigma);
     CommonCovariance model(sigma, K, x.p(), false);
     em_pass::run(x, s, model, SizeGuard::report, out);
-    return finished(s, {std::move(sigma)});
+    return finished(s, CovarianceModel::common, {std::move(sigma)});
 }
 
-MixtureFit fit_components(const FitData& x, const double* grp, int K, std::ostream& out)
+Mixture fit_components(const FitData& x, const double* grp, int K, std::ostream& out)
 {
     check_shape(x.p(), K);
     require(K <= kMaxUnequalComponents, "component covariances allow at most " +
@@ -289,23 +277,7 @@ MixtureFit fit_components(const FitData& x, const double* grp, int K, std::ostre
     group_covariances(x, grp, s, sigma);
     ComponentCovariances model(sigma, x.p());
     em_pass::run(x, s, model, SizeGuard::silent, out);
-    return finished(s, std::move(sigma));
-}
-
-void record(const MixtureFit& fit, emstruct& out)
-{
-    copy_into(fit.mu, fit.K, fit.p, out.mu);
-    copy_into(fit.sigma.front(), fit.p, fit.p, out.sigma);
-    copy_into(fit.pi, out.pi);
-    out.loglik = fit.loglik;
-}
-
-void record(const MixtureFit& fit, emstructuneq& out)
-{
-    copy_into(fit.mu, fit.K, fit.p, out.mu);
-    for (int k = 1; k <= fit.K; ++k) copy_into(fit.sigma[k - 1], fit.p, fit.p, out.sigma[k].comp);
-    copy_into(fit.pi, out.pi);
-    out.loglik = fit.loglik;
+    return finished(s, CovarianceModel::per_component, std::move(sigma));
 }
 
 void RefusedCovariance::repeat_with_library() const
@@ -342,28 +314,7 @@ auto on_main_thread(Fit fit) -> decltype(fit())
 
 }  // namespace
 
-emstruct em(const Matrix& x, const ColumnVector& grp, int K)
-{
-    check_shape(x.Ncols(), K);
-    const double* labels = labels_of(x, grp);
-    emstruct result;
-    record(on_main_thread([&] { return fit_common(FitData(x), labels, K, std::cout); }), result);
-    return result;
-}
-
-emstructuneq emunequal(const Matrix& x, const ColumnVector& grp, int K)
-{
-    check_shape(x.Ncols(), K);
-    require(K <= kMaxUnequalComponents, "component covariances allow at most " +
-                                            std::to_string(kMaxUnequalComponents) +
-                                            " components, got " + std::to_string(K));
-    const double* labels = labels_of(x, grp);
-    emstructuneq result;
-    record(on_main_thread([&] { return fit_components(FitData(x), labels, K, std::cout); }), result);
-    return result;
-}
-
-emstruct em_from_initial_estimates(const Matrix& x, Matrix mu, Matrix sigma, ColumnVector pi, int K)
+Mixture em_from_initial_estimates(const Matrix& x, Matrix mu, Matrix sigma, ColumnVector pi, int K)
 {
     const int p = x.Ncols();
     check_shape(p, K);
@@ -379,12 +330,11 @@ emstruct em_from_initial_estimates(const Matrix& x, Matrix mu, Matrix sigma, Col
     std::copy(pi.Store(), pi.Store() + K, s.pi.begin());
     std::vector<double> cov(sigma.Store(), sigma.Store() + static_cast<std::size_t>(p) * p);
     CommonCovariance model(cov, K, p, true);
-    on_main_thread([&] { em_pass::run(data, s, model, SizeGuard::none, std::cout); });
-    emstruct result;
-    copy_into(s.mu, K, p, result.mu);
-    copy_into(cov, p, p, result.sigma);
-    copy_into(s.pi, result.pi);
-    result.loglik = std::log(s.last_density);
+    std::ostringstream unused;  // without the size guard nothing is said
+    on_main_thread([&] { em_pass::run(data, s, model, SizeGuard::none, unused); });
+    const double last_density = s.last_density;
+    Mixture result = finished(s, CovarianceModel::common, {std::move(cov)});
+    result.loglik = std::log(last_density);
     return result;
 }
 

@@ -18,7 +18,7 @@
 
 #include "common/matrix.h"
 #include "mixture/density.h"
-#include "mixture/records.h"
+#include "mixture/mixture.h"
 
 namespace mixrank {
 
@@ -63,6 +63,8 @@ struct State {
     double l_i = 0.0, l_i1 = 0.0, l_i2 = 0.0;
     int iterations = 1;
     double last_density{};  // mixture density of observation n, last E-step
+    bool converged = false;  // the stopping rule was met
+    bool abandoned = false;  // the size guard ended the fit
 
     // Sizes every array for n observations; contents are left to the caller.
     void resize(std::size_t n, int components, int dimension);
@@ -104,6 +106,7 @@ void run(const FitData& x, State& s, Model& model, SizeGuard guard, std::ostream
     while (notconverged && s.iterations <= kPassLimit) {
         if (too_small(s, guard, out)) {
             s.l_i = kAbandonedLoglik;
+            s.abandoned = true;
             break;
         }
         s.l_i2 = s.l_i1;
@@ -115,6 +118,7 @@ void run(const FitData& x, State& s, Model& model, SizeGuard guard, std::ostream
         model.update(x, s);
         if (converged(s)) notconverged = false;
     }
+    s.converged = !notconverged;
 }
 
 }  // namespace em_pass

@@ -49,15 +49,17 @@ double centred_mean(const std::vector<double>& kx, double kk, double knew_total)
 
 }  // namespace
 
-double distance(const Matrix& x, const emstruct& final, int component, double knew_total, double h)
+namespace {
+
+// Common covariance: one inverse for every component.
+double common_distance(const Matrix& x, const Mixture& final, double knew_total, double h)
 {
-    check_model_shape(x, final, component);
-    const int d = x.Ncols(), g = component;
+    const int d = x.Ncols(), g = final.components;
     Matrix sig;
     bandwidth_matrix(d, h, sig);
-    const Matrix& mu = final.mu;
-    const ColumnVector& prop = final.pi;
-    const Matrix& var = final.sigma;
+    const Matrix mu = means_matrix(final);
+    const ColumnVector prop = weights_vector(final);
+    const Matrix var = covariance_matrix(final, 1);
 
     Matrix newsigmainverse = (var + sig).i();
     const std::vector<double> kx =
@@ -74,32 +76,42 @@ double distance(const Matrix& x, const emstruct& final, int component, double kn
     return centred_mean(kx, kk, knew_total);
 }
 
-double distance(const Matrix& x, const emstructuneq& final, int component, double knew_total, double h)
+double per_component_distance(const Matrix& x, const Mixture& final, double knew_total, double h)
 {
-    check_model_shape(x, final, component);
-    const int d = x.Ncols(), g = component;
+    const int d = x.Ncols(), g = final.components;
     Matrix sig;
     bandwidth_matrix(d, h, sig);
-    const Matrix& mu = final.mu;
-    const ColumnVector& prop = final.pi;
+    const Matrix mu = means_matrix(final);
+    const ColumnVector prop = weights_vector(final);
+    std::vector<Matrix> sigma(g + 1);
+    for (int k = 1; k <= g; ++k) sigma[k] = covariance_matrix(final, k);
 
     // One inverse per component serves every observation.
     std::vector<NormalDensity> widened;
     widened.reserve(g);
-    for (int k = 1; k <= g; ++k) widened.emplace_back((final.sigma[k].comp + sig).i());
+    for (int k = 1; k <= g; ++k) widened.emplace_back((sigma[k] + sig).i());
     const std::vector<double> kx = kernel_against_model(x, mu, prop, g, widened);
 
     double kk = 0.0;
     for (int k = 1; k <= g; ++k) {
-        const Matrix& sk = final.sigma[k].comp;
+        const Matrix& sk = sigma[k];
         const NormalDensity self((2.0 * sk + sig).i());
         kk += prop(k) * prop(k) * self(mean_row(mu, k), mean_row(mu, k));
         for (int l = 1; l < k; ++l) {
-            const NormalDensity pair(((sk + final.sigma[l].comp) + sig).i());
+            const NormalDensity pair(((sk + sigma[l]) + sig).i());
             kk += (2 * prop(k)) * prop(l) * pair(mean_row(mu, k), mean_row(mu, l));
         }
     }
     return centred_mean(kx, kk, knew_total);
+}
+
+}  // namespace
+
+double distance(const Matrix& x, const Mixture& final, double knew_total, double h)
+{
+    check_model_shape(x, final);
+    return final.model == CovarianceModel::common ? common_distance(x, final, knew_total, h)
+                                                  : per_component_distance(x, final, knew_total, h);
 }
 
 }  // namespace mixrank

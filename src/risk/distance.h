@@ -2,13 +2,12 @@
 #pragma once
 
 #include "common/matrix.h"
-#include "mixture/records.h"
+#include "mixture/mixture.h"
 
 namespace mixrank {
 
 // knew_total is the sum of all entries of the kernel matrix of x with
 // bandwidth h.
-double distance(const Matrix& x, const emstruct& final, int component, double knew_total, double h);
-double distance(const Matrix& x, const emstructuneq& final, int component, double knew_total, double h);
+double distance(const Matrix& x, const Mixture& final, double knew_total, double h);
 
 }  // namespace mixrank

@@ -4,8 +4,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <ostream>
 
+#include "common/format.h"
+#include "data/preparation.h"
 #include "mixture/lanes.h"
 #include "risk/kernel_blocks.h"
 
@@ -266,6 +269,31 @@ void dof_range_warning(double kxx, int n, std::ostream& out)
 {
     if (kxx < 5.0 || kxx > static_cast<double>(n / 5))
         out << "\n Degrees of freedom not in the interesting range 5 to n/5 " << std::endl;
+}
+
+double Kernel::h() const { return summary_->kernel.h; }
+double Kernel::sdof() const { return summary_->kernel.kxx; }
+double Kernel::sdof_unbiased() const
+{
+    const int n = static_cast<int>(summary_->n);
+    return (n * (n * summary_->kernel.riskf)) / summary_->kernel.scale;
+}
+
+Kernel make_kernel(const Data& data, double h)
+{
+    if (!(h > 0.0) || !std::isfinite(h))
+        throw Error(Error::Kind::invalid_argument, "the bandwidth h must be a positive number, not " + format("%g", h));
+    auto summary = std::make_shared<Kernel::Summary>();
+    summary->n = data.n;
+    summary->kernel = kernel_summary(data_matrix(data), h);
+    const KernelSummary& k = summary->kernel;
+    // Distinct points give a centred kernel of positive trace; a bandwidth so
+    // large or small that the kernel values overflow or vanish does not.
+    if (!(std::isfinite(k.kxx) && k.kxx > 0.0 && std::isfinite(k.scale)))
+        throw Error(Error::Kind::invalid_argument, "the kernel with bandwidth h = " + format("%g", h) +
+                                                       " gives no usable degrees of freedom (Sdof " +
+                                                       format("%g", k.kxx) + "); choose another h");
+    return Kernel(std::move(summary));
 }
 
 }  // namespace mixrank

@@ -7,6 +7,8 @@
 #include <iosfwd>
 #include <vector>
 
+#include <mixrank/mixrank.h>
+
 #include "common/matrix.h"
 
 namespace mixrank {
@@ -42,6 +44,12 @@ double centred_entry(double k, std::size_t i, std::size_t j, const KernelSummary
 // bandwidth; Y is n x cols, row-major. One pass over the kernel's blocks.
 void centred_kernel_product(const Matrix& x, const KernelSummary& kernel, const double* B, std::size_t cols,
                             std::vector<double>& Y);
+
+// The summary behind the library's Kernel value.
+struct Kernel::Summary {
+    KernelSummary kernel;
+    std::size_t n = 0;
+};
 
 // The range warning when kxx lies outside 5 to n/5.
 void dof_range_warning(double kxx, int n, std::ostream& out);

@@ -1,40 +1,23 @@
 #include "risk/model_shape.h"
 
+#include <cstddef>
 #include <string>
 
 #include "common/settings.h"
 
 namespace mixrank {
 
-namespace {
-
-void check_square(const Matrix& m, int d, const char* what)
+void check_model_shape(const Matrix& x, const Mixture& final)
 {
-    if (m.Nrows() != d || m.Ncols() != d)
-        throw RunError(std::string("the ") + what + " of a model does not match the data's dimension");
-}
-
-void check_common_parts(const Matrix& x, const Matrix& mu, const ColumnVector& pi, int g)
-{
+    const std::size_t g = static_cast<std::size_t>(final.components > 0 ? final.components : 0);
+    const std::size_t d = static_cast<std::size_t>(final.dimension > 0 ? final.dimension : 0);
     if (g < 1) throw RunError("a model needs at least one component");
-    if (mu.Nrows() < g || pi.Nrows() < g)
-        throw RunError("a model holds fewer components than it is scored with");
-    if (mu.Ncols() != x.Ncols()) throw RunError("the means of a model do not match the data's dimension");
-}
-
-}  // namespace
-
-void check_model_shape(const Matrix& x, const emstruct& final, int g)
-{
-    check_common_parts(x, final.mu, final.pi, g);
-    check_square(final.sigma, x.Ncols(), "covariance");
-}
-
-void check_model_shape(const Matrix& x, const emstructuneq& final, int g)
-{
-    check_common_parts(x, final.mu, final.pi, g);
-    if (g > kMaxUnequalComponents) throw RunError("a component-covariance model holds at most 20 components");
-    for (int k = 1; k <= g; ++k) check_square(final.sigma[k].comp, x.Ncols(), "covariance");
+    if (final.dimension != x.Ncols()) throw RunError("the means of a model do not match the data's dimension");
+    if (final.model == CovarianceModel::per_component && final.components > kMaxUnequalComponents)
+        throw RunError("a component-covariance model holds at most 20 components");
+    const std::size_t covariances = final.model == CovarianceModel::common ? 1 : g;
+    if (final.means.size() != g * d || final.weights.size() != g || final.covariances.size() != covariances * d * d)
+        throw RunError("the parts of a model do not match its number of components and dimension");
 }
 
 }  // namespace mixrank

@@ -1,7 +1,6 @@
 #include "risk/score.h"
 
 #include <algorithm>
-#include <iostream>
 #include <vector>
 
 #include "mixture/density.h"
@@ -102,7 +101,6 @@ void constant_and_mean_blocks(const Matrix& x, const Matrix& mu, const Densities
 void proportion_block(const Densities& den, int first, Matrix& M)
 {
     const int n = M.Nrows(), P = M.Ncols(), g = den.g;
-    if (g + first - 2 != P) std::cout << "Some problem" << std::endl;
     Real* m = M.Store();
     for (int k = 0; k < g - 1; ++k)
         for (int i = 0; i < n; ++i)
@@ -117,18 +115,22 @@ int score_columns(bool common, int d, int g)
     return common ? d * g + tri + g : (tri + d) * g + g;
 }
 
-Matrix score(const Matrix& x, const emstruct& final, int component)
+namespace {
+
+// One covariance block: the sum over the components, each weighted by its
+// proportion.
+Matrix common_score(const Matrix& x, const Mixture& final)
 {
-    check_model_shape(x, final, component);
-    const int n = x.Nrows(), d = x.Ncols(), g = component;
+    const int n = x.Nrows(), d = x.Ncols(), g = final.components;
     const int P = score_columns(true, d, g);
     Matrix M(n, P);
-    const Matrix sigmainverse = final.sigma.i();
-    const Densities den = evaluate_densities(x, final.mu, final.pi, g,
-                                             std::vector<NormalDensity>(g, NormalDensity(sigmainverse)));
-    constant_and_mean_blocks(x, final.mu, den, std::vector<const Matrix*>(g, &sigmainverse), M);
+    const Matrix mu = means_matrix(final);
+    const ColumnVector pi = weights_vector(final);
+    const Matrix sigmainverse = covariance_matrix(final, 1).i();
+    const Densities den =
+        evaluate_densities(x, mu, pi, g, std::vector<NormalDensity>(g, NormalDensity(sigmainverse)));
+    constant_and_mean_blocks(x, mu, den, std::vector<const Matrix*>(g, &sigmainverse), M);
 
-    // One covariance block: sum over components, each weighted by prop(k).
     const int tri = d * (d + 1) / 2;
     const int start = d * g + 2;
     std::vector<double> r(d), u(d), lower(tri), temp1(tri);
@@ -136,9 +138,9 @@ Matrix score(const Matrix& x, const emstruct& final, int component)
     for (int i = 0; i < n; ++i) {
         std::fill(temp1.begin(), temp1.end(), 0.0);
         for (int k = 0; k < g; ++k) {
-            residual(x, final.mu, i, k, r);
+            residual(x, mu, i, k, r);
             covariance_term(r, sigmainverse, u, lower);
-            const double c = ((den.at(i, k) / den.ftot[i]) / 2.0) * final.pi(k + 1);
+            const double c = ((den.at(i, k) / den.ftot[i]) / 2.0) * pi(k + 1);
             for (int e = 0; e < tri; ++e) temp1[e] = temp1[e] + c * lower[e];
         }
         std::copy(temp1.begin(), temp1.end(), m + static_cast<size_t>(i) * P + start - 1);
@@ -147,34 +149,32 @@ Matrix score(const Matrix& x, const emstruct& final, int component)
     return M;
 }
 
-Matrix score(const Matrix& x, const emstructuneq& final, int component)
+// One covariance block per component, without the proportion factor.
+Matrix per_component_score(const Matrix& x, const Mixture& final)
 {
-    // The proportion block is only left out for g <= 0, which is then refused.
-    if (component <= 0) std::cout << "Number of components =1";
-    check_model_shape(x, final, component);
-    const int n = x.Nrows(), d = x.Ncols(), g = component;
+    const int n = x.Nrows(), d = x.Ncols(), g = final.components;
     const int tri = d * (d + 1) / 2;
     const int P = score_columns(false, d, g);
     Matrix M(n, P);
+    const Matrix mu = means_matrix(final);
     std::vector<Matrix> inverse_storage(g);
     std::vector<NormalDensity> dens;
     std::vector<const Matrix*> sinv;
     dens.reserve(g);
     for (int k = 0; k < g; ++k) {
-        inverse_storage[k] = final.sigma[k + 1].comp.i();
+        inverse_storage[k] = covariance_matrix(final, k + 1).i();
         dens.emplace_back(inverse_storage[k]);
         sinv.push_back(&inverse_storage[k]);
     }
-    const Densities den = evaluate_densities(x, final.mu, final.pi, g, dens);
-    constant_and_mean_blocks(x, final.mu, den, sinv, M);
+    const Densities den = evaluate_densities(x, mu, weights_vector(final), g, dens);
+    constant_and_mean_blocks(x, mu, den, sinv, M);
 
-    // One covariance block per component, without the proportion factor.
     std::vector<double> r(d), u(d), lower(tri);
     Real* m = M.Store();
     int start = d * g + 2;
     for (int k = 0; k < g; ++k, start += tri)
         for (int i = 0; i < n; ++i) {
-            residual(x, final.mu, i, k, r);
+            residual(x, mu, i, k, r);
             covariance_term(r, inverse_storage[k], u, lower);
             const double c = (den.at(i, k) / den.ftot[i]) / 2.0;
             Real* out = m + static_cast<size_t>(i) * P + start - 1;
@@ -182,6 +182,14 @@ Matrix score(const Matrix& x, const emstructuneq& final, int component)
         }
     proportion_block(den, start, M);
     return M;
+}
+
+}  // namespace
+
+Matrix score(const Matrix& x, const Mixture& final)
+{
+    check_model_shape(x, final);
+    return final.model == CovarianceModel::common ? common_score(x, final) : per_component_score(x, final);
 }
 
 }  // namespace mixrank

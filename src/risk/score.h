@@ -3,7 +3,7 @@
 #pragma once
 
 #include "common/matrix.h"
-#include "mixture/records.h"
+#include "mixture/mixture.h"
 
 namespace mixrank {
 
@@ -11,7 +11,6 @@ namespace mixrank {
 // dimensions, with a common covariance or one per component.
 int score_columns(bool common, int d, int g);
 
-Matrix score(const Matrix& x, const emstruct& final, int component);
-Matrix score(const Matrix& x, const emstructuneq& final, int component);
+Matrix score(const Matrix& x, const Mixture& final);
 
 }  // namespace mixrank

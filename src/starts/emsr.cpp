@@ -12,7 +12,7 @@
 #include "common/settings.h"
 #include "io/param_file.h"
 #include "mixture/em.h"
-#include "mixture/records.h"
+#include "mixture/mixture.h"
 #include "starts/kmeans.h"
 #include "starts/linkage.h"
 #include "starts/random_starts.h"
@@ -39,23 +39,11 @@ int best_start(const std::vector<double>& logliks)
 
 namespace {
 
-// The EM routine of the starts for each record type.
-template <class Record>
-struct StartFit;
-template <>
-struct StartFit<emstruct> {
-    static MixtureFit run(const FitData& x, const double* grp, int K, std::ostream& out)
-    {
-        return fit_common(x, grp, K, out);
-    }
-};
-template <>
-struct StartFit<emstructuneq> {
-    static MixtureFit run(const FitData& x, const double* grp, int K, std::ostream& out)
-    {
-        return fit_components(x, grp, K, out);
-    }
-};
+// The EM routine of the starts of a covariance model.
+Mixture fit_start(CovarianceModel model, const FitData& x, const double* grp, int K, std::ostream& out)
+{
+    return model == CovarianceModel::common ? fit_common(x, grp, K, out) : fit_components(x, grp, K, out);
+}
 
 // Everything random about the starts of one g, drawn from the one stream in
 // table order before any start runs: for g = 1 its random partition, for
@@ -100,7 +88,7 @@ StartDraws draw_starts(const Matrix& x, int g, int kmn, int indall)
 struct CountWork {
     StartDraws draws;
     std::vector<std::ostringstream> said;  // each start's messages, formatted as standard output is
-    std::vector<MixtureFit> fits;
+    std::vector<Mixture> fits;
     std::vector<std::size_t> task;  // each start's place on the board
 };
 
@@ -110,10 +98,9 @@ struct CountWork {
 // the workers go on with the starts after it. What the fits print is held
 // back and printed in table order by the calling thread, g by g, as soon as
 // a g's starts are done, so the output does not depend on the threads.
-template <class Record>
 class CountFits {
 public:
-    CountFits(const Matrix& x, int max, int kmn, int rnd) : max_(max), data_(x)
+    CountFits(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd) : model_(model), max_(max), data_(x)
     {
         if (max >= 2) {
             rules_.reset(new LinkageRules(x));
@@ -144,10 +131,10 @@ public:
             if (const std::exception_ptr failure = board_.wait(t)) std::rethrow_exception(failure);
     }
 
-    // Prints the messages of g's starts in table order and leaves the fit
-    // chosen by BestStart in final; a failure comes out after the messages
-    // of the starts before it.
-    void best(int g, Record& final)
+    // Prints the messages of g's starts in table order and returns the fit
+    // chosen by BestStart; a failure comes out after the messages of the
+    // starts before it.
+    Mixture best(int g)
     {
         const CountWork& c = counts_[static_cast<std::size_t>(g - 1)];
         BestStart best;
@@ -158,7 +145,7 @@ public:
             best.offer(c.fits[ind].loglik);
         }
         if (c.draws.failure) std::rethrow_exception(c.draws.failure);
-        record(c.fits[best.index()], final);
+        return c.fits[best.index()];
     }
 
 private:
@@ -188,9 +175,10 @@ private:
             own.swap(c.draws.partitions[ind - kmn - 3]);
         }
         if (grp == nullptr) grp = own.data();
-        c.fits[ind] = StartFit<Record>::run(data_, grp, g, c.said[ind]);
+        c.fits[ind] = fit_start(model_, data_, grp, g, c.said[ind]);
     }
 
+    CovarianceModel model_;
     int max_;
     FitData data_;
     std::unique_ptr<LinkageRules> rules_;
@@ -200,30 +188,25 @@ private:
     TaskBoard board_;  // last: its workers stop before the rest goes
 };
 
-template <class Record>
-const std::string CountFits<Record>::kRules = "sca";
+const std::string CountFits::kRules = "sca";
 
 // Appends one record to the parameter stream with a single write and a single
 // flush, so that the file holds whole records only.
-template <class Record>
-bool append_record(std::ostream& param, const Record& final)
+bool append_record(std::ostream& param, const Mixture& final)
 {
     std::ostringstream record;
-    record << final;
+    write_block(record, final);
     param << record.str();
     return static_cast<bool>(param.flush());
 }
 
-template <class Record>
-void fit_all_counts(const Matrix& x, std::ostream& param, int max, int kmn, int rnd)
+void fit_all_counts(const Matrix& x, CovarianceModel model, std::ostream& param, int max, int kmn, int rnd)
 {
-    CountFits<Record> fits(x, max, kmn, rnd);
+    CountFits fits(x, model, max, kmn, rnd);
     fits.rules_done();
     for (int g = 1; g <= max; ++g) {
         std::cout << " Estimating Parameters for " << g << " components model ...." << std::endl;
-        Record final;
-        fits.best(g, final);
-        if (!append_record(param, final)) return;  // the caller reports the failed write
+        if (!append_record(param, fits.best(g))) return;  // the caller reports the failed write
     }
 }
 
@@ -244,12 +227,12 @@ void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, in
     std::cout << " Estimating Parameters and putting it in " << paramfile << std::flush;
     if (method == 'E') {
         std::cout << " for equal variance setup" << std::endl;
-        fit_all_counts<emstruct>(x, param, max, kmn, rnd);
+        fit_all_counts(x, CovarianceModel::common, param, max, kmn, rnd);
     } else {
         // The words follow the file name without a blank, and the line is
         // not flushed: this is the established output.
         std::cout << "for unequal variance " << "\n";
-        fit_all_counts<emstructuneq>(x, param, max, kmn, rnd);
+        fit_all_counts(x, CovarianceModel::per_component, param, max, kmn, rnd);
     }
 }
 

@@ -1,0 +1,222 @@
+// mixrank: help choose the number of components of a normal (Gaussian)
+// mixture. For g = 1..G it fits mixtures by EM from many starts, scores each
+// fit with a kernel quadratic distance to the column-scaled data, corrects it
+// for the estimated parameters, and reports the quadratic risks QAIC and QBIC
+// beside the log-likelihood, AIC and BIC.
+//
+// The library's public face: plain values in, plain values out. Nothing here
+// prints; long computations report through optional callbacks, which are
+// called on the calling thread. Every failure is a mixrank::Error.
+//
+// Typical use:
+//
+//     mixrank::Data data = mixrank::prepare_data(values.data(), n, d);
+//     mixrank::RandomStream random(1);
+//     std::vector<mixrank::Mixture> fits =
+//         mixrank::fit_mixtures(data, mixrank::CovarianceModel::common, 6, {}, random);
+//     mixrank::Kernel kernel = mixrank::make_kernel(data, 0.5);
+//     mixrank::Scores scores = mixrank::score_mixtures(data, kernel, fits);
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace mixrank {
+
+// The one exception type of the library.
+class Error : public std::runtime_error {
+public:
+    enum class Kind {
+        invalid_argument,  // a setting no computation can use (g < 1, h <= 0, ...)
+        invalid_data,      // data no computation can use (NaN, a constant column, too few rows)
+        matrix_library,    // the matrix library refused an operation (a singular matrix, ...):
+                           // what() is the library's own message
+        out_of_memory,     // a size the machine cannot hold
+        cancelled,         // a callback asked to stop
+    };
+    Error(Kind kind, const std::string& message) : std::runtime_error(message), kind_(kind) {}
+    Kind kind() const noexcept { return kind_; }
+
+private:
+    Kind kind_;
+};
+
+// One covariance matrix shared by all components (the classic interface's
+// "equal" variance), or one per component ("unequal").
+enum class CovarianceModel { common, per_component };
+
+// How a fitted mixture's EM ended.
+enum class FitStatus {
+    converged,     // the stopping rule was met
+    pass_limit,    // stopped after the largest number of passes
+    degenerate,    // a component became too small for its covariance: the fit was abandoned
+    not_a_number,  // the log-likelihood is not a number
+    given,         // not fitted here: read from a file or given by the caller
+};
+
+// A normal mixture of g components in d dimensions.
+struct Mixture {
+    CovarianceModel model = CovarianceModel::common;
+    int components = 0;  // g
+    int dimension = 0;   // d
+    // Shape g x d, row-major: row k is the mean of component k.
+    std::vector<double> means;
+    // common: one d x d matrix; per_component: g matrices of d x d, one after
+    // the other; each row-major.
+    std::vector<double> covariances;
+    // Shape g: the mixing proportions.
+    std::vector<double> weights;
+    // Log-likelihood of the data the mixture was fitted to (NaN when given).
+    double loglik = std::numeric_limits<double>::quiet_NaN();
+    FitStatus status = FitStatus::given;
+    int passes = 0;  // EM passes made (0 when given)
+
+    // The mean and the covariance of component k (0-based).
+    const double* mean(int k) const { return means.data() + static_cast<std::size_t>(k) * dimension; }
+    const double* covariance(int k) const
+    {
+        const std::size_t dd = static_cast<std::size_t>(dimension) * dimension;
+        return covariances.data() + (model == CovarianceModel::common ? 0 : static_cast<std::size_t>(k) * dd);
+    }
+};
+
+// Free parameters of a mixture: means, covariance entries and the g - 1 free
+// proportions.
+long long parameter_count(CovarianceModel model, int components, int dimension);
+
+// Observations with each column divided by its standard deviation: the scale
+// on which mixtures are fitted and scored.
+struct Data {
+    std::size_t n = 0;
+    int d = 0;
+    std::vector<double> values;   // n x d, row-major, scaled
+    std::vector<double> spreads;  // d: the standard deviations (divisor n - 1) the columns were divided by
+};
+
+// Checks and scales n observations of d values (row-major). Error
+// (invalid_data) for fewer than 3 observations, no columns, a value that is
+// not a finite number (naming its row and column, from 1) or a constant
+// column (naming it).
+Data prepare_data(const double* values, std::size_t n, int d);
+
+// A mixture fitted to Data, in the data's original units.
+Mixture to_data_units(const Mixture& scaled, const std::vector<double>& spreads);
+
+// The random numbers of the starts: exactly the drand48 sequence of a seed
+// (srand48(seed), then drand48() again and again), on a state of its own.
+class RandomStream {
+public:
+    explicit RandomStream(unsigned seed);
+    double next();
+    // The 48-bit state, for a stream that must repeat these numbers later.
+    std::array<unsigned short, 3> state() const { return x_; }
+    static RandomStream from_state(const std::array<unsigned short, 3>& state);
+
+private:
+    RandomStream() = default;
+    std::array<unsigned short, 3> x_{};
+};
+
+// The starts of every g >= 2, besides the three hierarchical-linkage ones.
+struct StartSettings {
+    int kmeans_starts = 10;
+    int random_starts = 10;
+};
+
+// Callbacks of the long computations; every one may be left empty. They are
+// called on the calling thread, in table order.
+struct Progress {
+    // Fitting: g's starts are about to be compared (fits of later g may be
+    // running meanwhile).
+    std::function<void(int g)> count_started;
+    // Fitting: start `start` (0-based, in table order) of g was abandoned
+    // because a component became smaller than 4 observations; `size` is the
+    // smallest component size. Reported for the common-covariance model only.
+    std::function<void(int g, int start, double size)> start_abandoned;
+    // Fitting: the best of g's starts.
+    std::function<void(int g, const Mixture& best)> count_fitted;
+    // Polled now and then from the calling thread: return false to stop; the
+    // computation then ends with Error(cancelled).
+    std::function<bool()> keep_going;
+};
+
+// Fits g = 1..max_components by EM, each g from the three linkage starts,
+// the K-means starts and the random starts, and returns the best fit of each
+// g (the largest log-likelihood, ties to the earlier start, as the classic
+// program chooses), in the scaled units of the data. The random numbers are
+// drawn from `random` in table order before any fit, so the result is the
+// same for any number of threads. Runs on worker threads (OMP_NUM_THREADS
+// limits them).
+std::vector<Mixture> fit_mixtures(const Data& data, CovarianceModel model, int max_components,
+                                  const StartSettings& starts, RandomStream& random, const Progress& progress = {});
+
+// The centred Gaussian kernel of the data at bandwidth h, summarised once and
+// shared by the scores of any number of mixtures.
+class Kernel {
+public:
+    double h() const;
+    // The spectral degrees of freedom trace(K*)^2 / trace(K*^2) ("Sdof").
+    double sdof() const;
+    // The unbiased estimate of the same ("Unbiased of the Sdof").
+    double sdof_unbiased() const;
+    // Its opaque summary, used by score_mixtures.
+    struct Summary;
+    const Summary& summary() const { return *summary_; }
+    explicit Kernel(std::shared_ptr<const Summary> summary) : summary_(std::move(summary)) {}
+
+private:
+    std::shared_ptr<const Summary> summary_;
+};
+
+// Error(invalid_argument) unless h is a positive finite number, and when the
+// kernel at h gives no usable degrees of freedom.
+Kernel make_kernel(const Data& data, double h);
+
+// One row of the model-selection table.
+struct ModelScore {
+    CovarianceModel model = CovarianceModel::common;
+    int components = 0;
+    bool scored = false;     // false: the mixture's values were not all finite; the numbers are NaN
+    double parameters = 0;   // q, the free parameters
+    double distance = 0;     // the scaled kernel quadratic distance
+    double mlf = 0;          // distance - (Sdof - ee)
+    double ee = 0;           // the estimated-parameter correction trace(P K*)
+    double qaic = 0;         // mlf + ee
+    double qbic = 0;         // mlf + (log n / 2) ee
+    double loglik = 0;
+    double aic = 0;
+    double bic = 0;
+    bool unstable = false;   // the projection onto the score columns is far from idempotent
+};
+
+// The table of a list of mixtures (of either covariance model, in any order).
+struct Scores {
+    double h = 0;
+    double sdof = 0;
+    double sdof_unbiased = 0;
+    std::vector<ModelScore> models;  // one per mixture, in the order given
+};
+
+// Scores every mixture against the data: one pass over the kernel serves
+// them all. `scored(i, score)` is called for the mixtures in order, also for
+// those before a failure.
+Scores score_mixtures(const Data& data, const Kernel& kernel, const std::vector<Mixture>& mixtures,
+                      const std::function<void(std::size_t, const ModelScore&)>& scored = {});
+
+// Maximum-posterior classification of the rows of the data by one mixture.
+struct Classification {
+    std::size_t n = 0;
+    int components = 0;
+    std::vector<int> labels;             // n, from 1: the component of the largest weight * density
+    std::vector<double> posteriors;      // n x g, row-major; each row sums to 1
+    std::vector<double> uncertainty;     // n: 1 - the largest posterior
+};
+Classification classify(const Data& data, const Mixture& mixture);
+
+}  // namespace mixrank

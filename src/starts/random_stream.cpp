@@ -1,0 +1,42 @@
+// The random numbers of the starts: the 48-bit linear congruential generator
+// of drand48, x' = (0x5DEECE66D x + 0xB) mod 2^48, each number x' / 2^48,
+// seeded as srand48 seeds it (the seed in the high 32 bits, 0x330E below).
+#include <mixrank/mixrank.h>
+
+#include <cmath>
+#include <cstdint>
+
+namespace mixrank {
+
+namespace {
+
+std::uint64_t value_of(const std::array<unsigned short, 3>& x)
+{
+    return static_cast<std::uint64_t>(x[0]) | (static_cast<std::uint64_t>(x[1]) << 16) |
+           (static_cast<std::uint64_t>(x[2]) << 32);
+}
+
+}  // namespace
+
+RandomStream::RandomStream(unsigned seed)
+    : x_{0x330E, static_cast<unsigned short>(seed & 0xFFFFu), static_cast<unsigned short>(seed >> 16)}
+{
+}
+
+RandomStream RandomStream::from_state(const std::array<unsigned short, 3>& state)
+{
+    RandomStream r;
+    r.x_ = state;
+    return r;
+}
+
+double RandomStream::next()
+{
+    constexpr std::uint64_t kMultiplier = 0x5DEECE66Dull, kIncrement = 0xB, kMask = (std::uint64_t(1) << 48) - 1;
+    const std::uint64_t x = (kMultiplier * value_of(x_) + kIncrement) & kMask;
+    x_ = {static_cast<unsigned short>(x & 0xFFFF), static_cast<unsigned short>((x >> 16) & 0xFFFF),
+          static_cast<unsigned short>(x >> 32)};
+    return std::ldexp(static_cast<double>(x), -48);
+}
+
+}  // namespace mixrank
