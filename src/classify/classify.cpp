@@ -217,7 +217,7 @@ void print_undefined_weights(std::ostream& err, const Classification& c)
         if (c.not_a_number[k] > 0)
             err << "mixrank-classify: the weight of component " << k + 1 << " is not a number for "
                 << c.not_a_number[k] << " of " << c.label.Nrows()
-                << " observations (its covariance cannot be factorised or its density is out of range); "
+                << " observations (its covariance cannot be factorised); "
                    "it counts as 0 there\n";
 }
 

@@ -14,7 +14,7 @@ std::vector<double> cholesky_factor(const Matrix& s, double tolerance)
     for (int j = 0; j < d; ++j) {
         double pivot = a[j * d + j];
         for (int k = 0; k < j; ++k) pivot -= a[j * d + k] * a[j * d + k];
-        // Also false for NaN, and for an infinite largest entry (inf * 0 or inf > inf).
+        // Also refused: NaN, and an infinite largest entry (inf * 0 or inf > inf).
         if (!(pivot > tolerance * largest) || !std::isfinite(pivot)) return {};
         const double root = std::sqrt(pivot);
         a[j * d + j] = root;

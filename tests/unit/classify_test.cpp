@@ -138,7 +138,7 @@ TEST(Classify, FarOverflowingAndDegenerateComponentsLeaveTheOthersTheirProbabili
         std::ostringstream err;
         print_undefined_weights(err, c);
         EXPECT_EQ(err.str(), "mixrank-classify: the weight of component 2 is not a number for 5 of 5 observations (its "
-                             "covariance cannot be factorised or its density is out of range); it counts as 0 there\n");
+                             "covariance cannot be factorised); it counts as 0 there\n");
         bad.sigma[1].comp = bad.sigma[2].comp;
         const Classification none = classify_observations(x, bad);
         EXPECT_EQ(none.unweighted, 5);
