@@ -1,5 +1,6 @@
 #include "classify/classify.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <iomanip>
@@ -8,9 +9,12 @@
 #include <vector>
 
 #include "common/format.h"
+#include "classify/log_weights.h"
 #include "common/settings.h"
 #include "io/param_file.h"
+#include "mixture/cholesky.h"
 #include "mixture/density.h"
+#include "mixture/validity.h"
 #include "risk/report.h"
 
 namespace mixrank {
@@ -21,36 +25,58 @@ const double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 // The weights pi_k f_k(x_i) through the same density evaluator as
 // posterior(), the label by its rule (strictly larger wins, so ties keep the
-// smaller k and all-zero weights keep label 1), and the weights divided by
-// their sum.
+// smaller k) and the weights divided by their sum. Where that division is not
+// possible in double precision (every weight underflows to 0, or one is
+// infinite or not a number) the row is computed from the logarithms of the
+// weights instead, and so is every row when the matrix library cannot prepare
+// a density. A component whose covariance cannot be factorised weighs 0.
 template <class Record>
 Classification classify_with(const Matrix& x, const Record& fit)
 {
     const int n = x.Nrows(), p = x.Ncols(), K = fit.mu.Nrows();
-    const std::vector<NormalDensity> dens = component_densities(fit);
+    const LogWeights logw(fit);
+    std::vector<NormalDensity> dens;
+    try {
+        dens = component_densities(fit);
+    } catch (const NEWMAT::BaseException&) {
+        // A determinant out of the range of double (a covariance near 0):
+        // every row from the logarithms.
+    }
+    const bool direct = !dens.empty();
     const Real* xs = x.Store();
     const Real* ms = fit.mu.Store();
     Classification c;
     c.tau.ReSize(n, K);
     c.label.ReSize(n);
     c.uncertainty.ReSize(n);
-    std::vector<double> w(K);
+    c.not_a_number.assign(K, 0);
+    std::vector<double> w(K), tau(K);
+    std::vector<bool> undefined(K);
     for (int i = 0; i < n; ++i) {
         int label = 1;
         double max = 0.0, sum = 0.0;
         for (int k = 0; k < K; ++k) {
-            w[k] = fit.pi(k + 1) * dens[k](xs + i * p, ms + k * p);
+            w[k] = direct && logw.usable(k) ? fit.pi(k + 1) * dens[k](xs + i * p, ms + k * p) : 0.0;
             if (max < w[k]) {
                 max = w[k];
                 label = k + 1;
             }
             sum += w[k];
         }
-        const bool weighted = sum > 0.0 && std::isfinite(sum);
-        for (int k = 0; k < K; ++k) c.tau(i + 1, k + 1) = weighted ? w[k] / sum : kNaN;
+        std::fill(undefined.begin(), undefined.end(), false);
+        if (sum > 0.0 && std::isfinite(sum)) {
+            for (int k = 0; k < K; ++k) c.tau(i + 1, k + 1) = w[k] / sum;
+        } else if ((label = logw.posteriors(xs + i * p, tau.data(), undefined)) > 0) {
+            for (int k = 0; k < K; ++k) c.tau(i + 1, k + 1) = tau[k];
+        } else {
+            for (int k = 0; k < K; ++k) c.tau(i + 1, k + 1) = kNaN;
+            label = 1;
+            ++c.unweighted;
+        }
+        for (int k = 0; k < K; ++k)
+            if (!logw.usable(k) || undefined[k]) ++c.not_a_number[k];
         c.label(i + 1) = label;
-        c.uncertainty(i + 1) = weighted ? 1.0 - c.tau(i + 1, label) : kNaN;
-        if (!weighted) ++c.unweighted;
+        c.uncertainty(i + 1) = 1.0 - c.tau(i + 1, label);
     }
     return c;
 }
@@ -60,28 +86,9 @@ std::string model_name(int K, const std::string& paramfile)
     return "the " + std::to_string(K) + "-component model in '" + paramfile + "'";
 }
 
-// Cholesky factorisation of a symmetric matrix; false when a pivot is not
-// clearly positive (singular, nearly so, or indefinite).
-bool positive_definite(const Matrix& s)
-{
-    const int d = s.Nrows();
-    std::vector<double> a(s.Store(), s.Store() + d * d);
-    double largest = 0.0;
-    for (int j = 0; j < d; ++j) largest = std::max(largest, std::fabs(a[j * d + j]));
-    for (int j = 0; j < d; ++j) {
-        double pivot = a[j * d + j];
-        for (int k = 0; k < j; ++k) pivot -= a[j * d + k] * a[j * d + k];
-        if (!(pivot > 1e-12 * largest)) return false;
-        const double root = std::sqrt(pivot);
-        a[j * d + j] = root;
-        for (int i = j + 1; i < d; ++i) {
-            double v = a[i * d + j];
-            for (int k = 0; k < j; ++k) v -= a[i * d + k] * a[j * d + k];
-            a[i * d + j] = v / root;
-        }
-    }
-    return true;
-}
+// False when a Cholesky pivot is not clearly positive (singular, nearly so,
+// or indefinite).
+bool positive_definite(const Matrix& s) { return !cholesky_factor(s, 1e-12).empty(); }
 
 void check_proportions(const ColumnVector& pi, int K, const std::string& paramfile)
 {
@@ -94,8 +101,7 @@ void check_proportions(const ColumnVector& pi, int K, const std::string& paramfi
         }
         sum += pi(k);
     }
-    // Six decimals per proportion: the sum is 1 to well within 1e-3.
-    if (std::fabs(sum - 1.0) > 1e-3) {
+    if (std::fabs(sum - 1.0) > kProportionSumTolerance) {
         std::ostringstream s;
         s << "the proportions of " << model_name(K, paramfile) << " sum to " << sum
           << ", not 1: is the file for data of this dimension?";
@@ -202,9 +208,17 @@ void print_summary(std::ostream& out, const Classification& c, const ColumnVecto
     out << rule << "\n";
     out << "Observations with uncertainty above 0.5: " << uncertain << " of " << n << "\n";
     if (c.unweighted > 0)
-        out << "Observations so far from every component that every weight is 0 (label 1, "
-               "probabilities nan): "
-            << c.unweighted << "\n";
+        out << "Observations that no component can weigh (label 1, probabilities nan): " << c.unweighted << "\n";
+}
+
+void print_undefined_weights(std::ostream& err, const Classification& c)
+{
+    for (std::size_t k = 0; k < c.not_a_number.size(); ++k)
+        if (c.not_a_number[k] > 0)
+            err << "mixrank-classify: the weight of component " << k + 1 << " is not a number for "
+                << c.not_a_number[k] << " of " << c.label.Nrows()
+                << " observations (its covariance cannot be factorised); "
+                   "it counts as 0 there\n";
 }
 
 }  // namespace mixrank

@@ -6,6 +6,7 @@
 #include <istream>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "common/matrix.h"
 #include "mixture/records.h"
@@ -14,14 +15,21 @@ namespace mixrank {
 
 struct Classification {
     Matrix tau;                // n x K: pi_k f_k(x_i) / sum_j pi_j f_j(x_i)
-    ColumnVector label;        // n: 1..K, the rule of posterior()/posterior2()
+    ColumnVector label;        // n: 1..K, the component of the largest weight
     ColumnVector uncertainty;  // n: 1 - max_k tau_ik
-    // Observations whose every weight is 0 (so far from every component that
-    // the densities vanish): label 1, probabilities and uncertainty NaN.
+    // Observations that no component can weigh (every weight is not a
+    // number): label 1, probabilities and uncertainty NaN.
     int unweighted = 0;
+    // Per component (0-based): the observations where its weight is not a
+    // number (a covariance that cannot be factorised) and counts as 0.
+    std::vector<int> not_a_number{};
 };
 
-// x: the scaled data the model was fitted to.
+// x: the scaled data the model was fitted to. Where the weights pi_k f_k(x_i)
+// can be divided by their sum in double precision, the label follows the rule
+// of posterior()/posterior2() and tau is that quotient; elsewhere (every
+// weight underflows, or one is infinite or not a number) both come from the
+// logarithms of the weights, so the label is still the largest weight's.
 Classification classify_observations(const Matrix& x, const emstruct& fit);
 Classification classify_observations(const Matrix& x, const emstructuneq& fit);
 
@@ -46,5 +54,9 @@ void write_class_lines(std::ostream& out, const Matrix& original, const Classifi
 // observations. sd holds the standard deviation of every data column.
 void print_summary(std::ostream& out, const Classification& c, const ColumnVector& pi,
                    const Matrix& mu, const ColumnVector& sd);
+
+// One line per component whose weight was not a number somewhere, with the
+// number of observations where it counted as 0.
+void print_undefined_weights(std::ostream& err, const Classification& c);
 
 }  // namespace mixrank

@@ -83,6 +83,8 @@ void classify_and_write(const ClassifyOptions& o, const Matrix& original, const 
     std::cout << "The " << o.components << "-component model from " << o.paramfile << " ("
               << (o.method == 'E' ? "common covariance" : "one covariance per component") << ")\n";
     print_summary(std::cout, c, fit.pi, fit.mu, sd);
+    std::cout.flush();
+    print_undefined_weights(std::cerr, c);
     std::cout << "Labels and posterior probabilities written to " << outfile << std::endl;
 }
 

@@ -11,6 +11,7 @@
 #include "common/settings.h"
 #include "io/param_file.h"
 #include "mixture/density.h"
+#include "mixture/validity.h"
 #include "risk/distance.h"
 #include "risk/model_shape.h"
 #include "risk/projection.h"
@@ -34,6 +35,7 @@ struct ModelWork {
     bool finite = false;
     bool unstable = false;   // the projection is far from idempotent
     bool short_file = false; // the parameter file gave out in this model
+    std::string invalid;     // what makes the model read not a valid mixture
     Matrix M, Q;             // score matrix and projection factor
     std::size_t column = 0;  // first column of M in the joint score block
 };
@@ -60,6 +62,7 @@ void read_and_prepare(Record (*reader)(int, int, std::istream&), const Matrix& x
 {
     const Record final = reader(g, x.Ncols(), param);
     if (model_is_finite(final, g)) {
+        m.invalid = mixture_problem(final);
         prepare(x, final, g, kernel, m);
     } else {
         // An unread (or non-finite) model: its row shows nan.
@@ -68,9 +71,10 @@ void read_and_prepare(Record (*reader)(int, int, std::istream&), const Matrix& x
 }
 
 // Reads and prepares the models in order until all are done or one fails;
-// returns the failure (null when none) and leaves the prepared ones in work.
+// returns the failure (null when none) and leaves the prepared ones in work,
+// and what was wrong with the parameters of the failed one in invalid.
 std::exception_ptr prepare_models(const Matrix& x, const KernelSummary& kernel, char method,
-                                  std::istream& param, std::vector<ModelWork>& work)
+                                  std::istream& param, std::vector<ModelWork>& work, std::string& invalid)
 {
     bool warned = false;
     for (std::size_t i = 0; i < work.size(); ++i) {
@@ -81,6 +85,7 @@ std::exception_ptr prepare_models(const Matrix& x, const KernelSummary& kernel, 
             else
                 read_and_prepare(&readparam_u, x, g, method, kernel, param, work[i]);
         } catch (...) {
+            invalid = work[i].invalid;
             work.resize(i);
             return std::current_exception();
         }
@@ -119,6 +124,15 @@ void kernel_terms(const Matrix& x, const KernelSummary& kernel, std::vector<Mode
     }
 }
 
+// One line on standard error for a model whose parameters are not a valid
+// mixture; its row is computed and shown as for any other model.
+void report_invalid(int g, const std::string& problem, std::ostream& out)
+{
+    if (problem.empty()) return;
+    out.flush();
+    std::cerr << "mixrank: model g=" << g << ": " << problem << std::endl;
+}
+
 }  // namespace
 
 RiskTable risk_calculation(const Matrix& x, const KernelSummary& kernel, int max, char method,
@@ -132,11 +146,13 @@ RiskTable risk_calculation(const Matrix& x, const KernelSummary& kernel, int max
 
     out << "Risk Calculation Started" << std::endl;
     std::vector<ModelWork> work(static_cast<std::size_t>(G));
-    const std::exception_ptr failure = prepare_models(x, kernel, method, param, work);
+    std::string failed_invalid;
+    const std::exception_ptr failure = prepare_models(x, kernel, method, param, work, failed_invalid);
     kernel_terms(x, kernel, work);
     for (std::size_t i = 0; i < work.size(); ++i) {
         const int component = static_cast<int>(i) + 1;
         const ModelWork& m = work[i];
+        report_invalid(component, m.invalid, out);
         if (m.unstable)
             out << "parameter estimate may not be stable for " << component << " component " << std::endl;
         if (m.short_file) {
@@ -152,7 +168,10 @@ RiskTable risk_calculation(const Matrix& x, const KernelSummary& kernel, int max
         t.MLF(component) = m.MLF;
         progress_line(component, out);
     }
-    if (failure) std::rethrow_exception(failure);
+    if (failure) {
+        report_invalid(static_cast<int>(work.size()) + 1, failed_invalid, out);
+        std::rethrow_exception(failure);
+    }
     out << std::endl;
 
     const float logn = std::log(static_cast<float>(n));  // single precision, intended

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdio>
 #include <tuple>
 
 #include "harness.h"
@@ -13,6 +14,13 @@
 using namespace e2e;
 
 namespace {
+
+std::string format_pair(double a, double b)
+{
+    char line[64];
+    std::snprintf(line, sizeof line, "%.3f %.3f\n", a, b);
+    return line;
+}
 
 const Args kFit = {"-e", "-2", "-k", "1", "-r", "1", "-i", "iris.dat", "-p", "keep.param", "-s", "3"};
 
@@ -132,5 +140,41 @@ TEST(BadInput, AMissingParameterFileWarnsAndASingularOneStopsTheRun)
     const Result sing = w.run({"-e", "-1", "-g", "1", "-i", "iris.dat", "-p", "sing.param"});
     EXPECT_EQ(sing.status, 1);
     EXPECT_NE(sing.out.find("Runtime error:- detected by Newmat: matrix is singular\n"), std::string::npos) << sing.out;
+    EXPECT_EQ(sing.err, "mixrank: model g=1: the common covariance is singular or not positive definite\n");
     EXPECT_EQ(w.read("iris.equal.risk"), report);
+}
+
+// Models read back that are no mixture are named on standard error, one line each, while the table, the report
+// and the exit status stay what they were; fits of the built-in estimator never give such a line.
+TEST(BadInput, ParametersThatAreNoMixtureAreNamedAndTheRunGoesOn)
+{
+    Workdir w;
+    std::string data;
+    for (int i = 1; i <= 60; ++i) data += format_pair((i % 7) * 0.9 + std::sin(i), (i % 5) + std::cos(1.3 * i));
+    w.write("two.dat", data);
+    // g = 1 valid; g = 2 a negative proportion; g = 3 component 2 indefinite; g = 4 component 2 with a negative
+    // variance. Every block's last covariance is valid, and -equal scores only that one.
+    w.write("bad.param", "0 0 \n1 \n0 1 \n1 \n"
+                         "0 0 \n1 \n0 1 \n1 1 \n1 \n0 1 \n1.2 -0.2 \n"
+                         "0 0 \n1 \n0 1 \n1 1 \n1 \n2 1 \n0 1 \n1 \n0 1 \n0.3 0.3 0.4 \n"
+                         "0 0 \n1 \n0 1 \n1 1 \n-1 \n0 1 \n0 1 \n1 \n0 1 \n1 0 \n1 \n0.5 1 \n0.25 0.25 0.25 0.25 \n");
+    const std::string negative = "mixrank: model g=2: proportion of component 2 is negative (-0.2)\n";
+    for (const auto& [model, err] : {std::pair<std::string, std::string>{"-equal", negative},
+                                     {"-unequal", negative + "mixrank: model g=3: covariance of component 2 is singular or not positive definite\n"
+                                                             "mixrank: model g=4: covariance of component 2 has a variance that is not positive (-1)\n"}}) {
+        const Result r = w.run({model, "-1", "-g", "4", "-i", "two.dat", "-p", "bad.param"});
+        EXPECT_EQ(r.status, 0) << model;
+        EXPECT_EQ(r.err, err);
+        EXPECT_EQ(r.out.find("mixrank:"), std::string::npos) << r.out;
+        const std::vector<std::string> rows = lines(w.read("two." + model.substr(1) + ".risk"));
+        ASSERT_EQ(rows.size(), 5u) << model;
+        EXPECT_TRUE(std::isnan(numbers(rows[2]).at(6))) << model << ": the log-likelihood of negative weights";
+        // The valid model is scored as it is alone.
+        const std::string one = rows[1];
+        ASSERT_EQ(w.run({model, "-1", "-g", "1", "-i", "two.dat", "-p", "bad.param"}).err, "");
+        EXPECT_EQ(lines(w.read("two." + model.substr(1) + ".risk")).at(1), one);
+        const Result fit = w.run({model, "-2", "-g", "4", "-i", "two.dat", "-p", "fit.param", "-s", "1"});
+        EXPECT_EQ(fit.status, 0) << model;
+        EXPECT_EQ(fit.err, "") << model;
+    }
 }

@@ -108,7 +108,8 @@ TEST(Classify, RefusalsWriteNothingAndAKnownModelClassifiesExactly)
         EXPECT_EQ(r.status, 1);
         EXPECT_EQ(r.out.rfind("usage: mixrank-classify [-equal|-unequal] -g K -i DATAFILE -p PARAMFILE [-n N -d D]\n", 0), 0u) << r.out;
     }
-    // 0.1, -0.1 and 0 tie between components 1-3 (label 1, uncertainty 2/3); -30 weighs nothing anywhere.
+    // 0.1, -0.1 and 0 tie between components 1-3 (label 1, uncertainty 2/3), and so does -30, where every
+    // density underflows to 0 and the logarithms of the weights decide.
     const Result r = w.run_program(MIXRANK_CLASSIFY_BINARY, base);
     ASSERT_EQ(r.status, 0) << r.err;
     const std::string rule = std::string(73, '_') + "\n";
@@ -119,13 +120,33 @@ TEST(Classify, RefusalsWriteNothingAndAKnownModelClassifiesExactly)
                          "        3             0    0.250000               nan     0.000000\n"
                          "        4             3    0.250000          0.000000    19.999993\n"
                          "        5             0    0.000000               nan     0.000000\n" + rule +
-                         "Observations with uncertainty above 0.5: 3 of 7\n"
-                         "Observations so far from every component that every weight is 0 (label 1, probabilities nan): 1\n"
+                         "Observations with uncertainty above 0.5: 4 of 7\n"
                          "Labels and posterior probabilities written to c.equal.g5.class\n"), std::string::npos) << r.out;
+    EXPECT_EQ(r.err, "");
     const Args file = lines(w.read("c.equal.g5.class"));
     ASSERT_EQ(file.size(), 7u);
     EXPECT_EQ(file[0], "0.100000 1.000000 0.333333 0.333333 0.333333 0.000000 0.000000 0.666667 ");
-    EXPECT_EQ(file[6], "-30.000000 1.000000 nan nan nan nan nan nan ");
+    EXPECT_EQ(file[6], "-30.000000 1.000000 0.333333 0.333333 0.333333 0.000000 0.000000 0.666667 ");
+}
+
+// A component whose mean is at 1e160 (its quadratic form overflows into inf - inf) weighs nothing, and the
+// other one keeps every observation with probability 1.
+TEST(Classify, AFarComponentLeavesTheOtherItsProbabilities)
+{
+    Workdir w;
+    w.write("f.dat", "0 0\n1 0.5\n0.2 1\n3 3\n2.5 3.5\n3.2 2.8\n");
+    w.write("f.param", "0 0 \n1 \n0.8 1 \n1 \n" "1e160 2e160 \n1 \n0.8 1 \n0 0 \n1 \n0.8 1 \n0.5 0.5 \n");
+    for (const std::string model : {"equal", "unequal"}) {
+        const Result r = w.run_program(MIXRANK_CLASSIFY_BINARY, {"-" + model, "-g", "2", "-i", "f.dat", "-p", "f.param"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(r.err, "");
+        EXPECT_NE(r.out.find("Observations with uncertainty above 0.5: 0 of 6\nLabels"), std::string::npos) << r.out;
+        const std::string text = w.read("f." + model + ".g2.class");
+        EXPECT_EQ(text.find("nan"), std::string::npos) << text;
+        const Args file = lines(text);
+        ASSERT_EQ(file.size(), 6u);
+        for (const std::string& line : file) EXPECT_EQ(line.substr(line.size() - 36), "2.000000 0.000000 1.000000 0.000000 ") << model;
+    }
 }
 
 TEST(PlotClasses, DrawsEveryLayout)

@@ -13,8 +13,8 @@ using namespace risk_support;
 static ColumnVector by_rule(const Matrix& x, const emstruct& fit) { return posterior(x, fit); }
 static ColumnVector by_rule(const Matrix& x, const emstructuneq& fit) { return posterior2(x, fit); }
 
-// Classifies x, checking every label against the maximum-posterior rule and the first rows against pi_k f_k(x):
-// the label of the largest (the first on ties), the weights over their sum, and 1 minus the largest of those.
+// Classifies x, checking the first rows against the maximum-posterior rule and against pi_k f_k(x): the label of
+// the largest (the first on ties), the weights over their sum, and 1 minus the largest of those.
 template <class Record>
 static Classification classified(const Matrix& x, int rows, const Record& fit)
 {
@@ -22,7 +22,7 @@ static Classification classified(const Matrix& x, int rows, const Record& fit)
     const io_scratch::CaptureStdout screen;
     const ColumnVector rule = by_rule(x, fit);
     EXPECT_EQ(screen.text(), "k=" + std::to_string(fit.mu.Nrows()) + "\n");
-    for (int i = 1; i <= x.Nrows(); ++i) EXPECT_EQ(rule(i), c.label(i)) << "observation " << i;
+    for (int i = 1; i <= rows; ++i) EXPECT_EQ(rule(i), c.label(i)) << "observation " << i;
     for (int i = 1, K = fit.mu.Nrows(); i <= rows; ++i) {
         std::vector<double> w(K + 1);
         int label = 1;
@@ -37,6 +37,39 @@ static Classification classified(const Matrix& x, int rows, const Record& fit)
     return c;
 }
 
+// Posterior probabilities of row i from the logarithms of the weights, log pi_k - log det(Sigma_k) / 2 - the
+// quadratic form / 2, every term formed afresh with the matrix library; the label is the largest term's.
+template <class Record>
+static std::pair<std::vector<double>, int> log_form(const Matrix& x, int i, const Record& fit)
+{
+    const int K = fit.mu.Nrows();
+    std::vector<double> t(K + 1, -INFINITY);
+    int label = 1;
+    for (int k = 1; k <= K; ++k) {
+        const Matrix& s = component_covariance(fit, k);
+        const RowVector diff = x.Row(i) - fit.mu.Row(k);
+        t[k] = std::log(fit.pi(k)) - 0.5 * s.LogDeterminant().LogValue() - 0.5 * (diff * s.i() * diff.t()).AsScalar();
+        if (t[k] > t[label]) label = k;
+    }
+    std::vector<double> tau(K + 1);
+    for (int k = 1; k <= K; ++k) tau[0] += tau[k] = std::exp(t[k] - t[label]);
+    for (int k = 1; k <= K; ++k) tau[k] /= tau[0];
+    return {tau, label};
+}
+
+// Row i has finite probabilities that sum to 1, the label of the largest and the uncertainty that goes with it.
+static void expect_probabilities(const Classification& c, int i, const std::vector<double>& tau, int label, const std::string& what)
+{
+    double sum = 0.0;
+    for (int k = 1; k <= c.tau.Ncols(); ++k) {
+        sum += c.tau(i, k);
+        EXPECT_NEAR(c.tau(i, k), tau[k], 1e-9) << what << ", observation " << i << ", component " << k;
+    }
+    EXPECT_NEAR(sum, 1.0, 1e-15) << what << ", observation " << i;
+    EXPECT_EQ(c.label(i), label) << what << ", observation " << i;
+    EXPECT_EQ(c.uncertainty(i), 1.0 - c.tau(i, label)) << what << ", observation " << i;
+}
+
 TEST(Classify, PosteriorProbabilitiesLabelsAndUncertaintyAgainstTheDirectForm)
 {
     // Models g = 1, 2, 3 for d = 2. In the 3-component block every component has
@@ -49,11 +82,67 @@ TEST(Classify, PosteriorProbabilitiesLabelsAndUncertaintyAgainstTheDirectForm)
     for (const std::string model : {"E2", "E3", "U2", "U3"}) {
         std::istringstream file(param);
         const int K = model[1] - '0';
-        const Classification c = model[0] == 'E' ? classified(x, 5, stored_model_e(K, 2, file, "p"))
-                                                 : classified(x, 5, stored_model_u(K, 2, file, "p"));
-        // Far away every weight is 0: label 1, no probabilities.
-        EXPECT_TRUE(c.unweighted == 1 && c.label(6) == 1.0 && std::isnan(c.tau(6, 1)) && std::isnan(c.uncertainty(6))) << model;
+        const auto check = [&](const auto& fit) {
+            // Far away every weight underflows to 0: the logarithms still weigh the components.
+            const Classification c = classified(x, 5, fit);
+            const auto [tau, label] = log_form(x, 6, fit);
+            EXPECT_EQ(c.unweighted, 0) << model;
+            expect_probabilities(c, 6, tau, label, model);
+            return c;
+        };
+        const Classification c = model[0] == 'E' ? check(stored_model_e(K, 2, file, "p")) : check(stored_model_u(K, 2, file, "p"));
         EXPECT_TRUE(K != 2 || (c.label(1) == 1.0 && c.uncertainty(1) == 0.5)) << model << ": the tie at even odds";
+    }
+}
+
+// Weights the direct quotient cannot divide: a far component whose quadratic form is not a number, a density whose
+// determinant overflows, and rows so far from every mean that each squared distance overflows. No row is left without
+// probabilities, and a component with an indefinite covariance weighs 0 and is reported.
+TEST(Classify, FarOverflowingAndDegenerateComponentsLeaveTheOthersTheirProbabilities)
+{
+    const Matrix x = mat(5, 2, {0, 0, 5, 5, 1, 4, 3, 0.5, -60, 40});
+    {   // Component 1 at (1e160, 2e160): under this covariance its quadratic form is inf - inf in every row.
+        const emstruct far{mat(3, 2, {1e160, 2e160, 0, 0, 5, 5}), mat(2, 2, {1, 0.8, 0.8, 1}), mat(3, 1, {0.5, 0.2, 0.3}), 0.0};
+        ASSERT_TRUE(std::isnan(MVNpdf(x.Row(1), far.mu.Row(1), far.sigma.i())));
+        const emstruct rest{far.mu.Rows(2, 3), far.sigma, far.pi.Rows(2, 3), 0.0};
+        const Classification c = classify_observations(x, far), r = classify_observations(x, rest);
+        EXPECT_EQ(c.not_a_number, std::vector<int>(3, 0));
+        for (int i = 1; i <= x.Nrows(); ++i)  // as if the far component were not there
+            expect_probabilities(c, i, {1, 0, r.tau(i, 1), r.tau(i, 2)}, r.label(i) + 1, "far component");
+    }
+    {   // Component 2's covariance 1e-300 I: det(Sigma^-1) = 1e600 overflows, and the direct density cannot be formed.
+        const emstructuneq tiny{mat(2, 2, {0, 0, 3, 0.5}), {{}, {IdentityMatrix(2)}, {1e-300 * IdentityMatrix(2)}}, mat(2, 1, {0.9, 0.1}), 0.0};
+        EXPECT_THROW(component_densities(tiny), NEWMAT::BaseException);
+        const Classification c = classify_observations(x, tiny);
+        for (int i = 1; i <= x.Nrows(); ++i) {
+            const auto [tau, label] = log_form(x, i, tiny);
+            expect_probabilities(c, i, tau, label, "overflowing density");
+        }
+        EXPECT_EQ(c.label(4), 2.0);
+        EXPECT_EQ(c.tau(5, 1), 1.0);
+    }
+    {   // Means at 1e200 and beyond: every squared distance overflows, and the nearest component takes the row.
+        const emstruct beyond{mat(3, 2, {0, 3e200, 1e200, 0, 1e200, 0}), IdentityMatrix(2), mat(3, 1, {0.5, 0.1, 0.4}), 0.0};
+        const emstruct one{mat(1, 2, {1e160, -1e160}), IdentityMatrix(2), mat(1, 1, {1}), 0.0};
+        const Classification c = classify_observations(x, beyond), single = classify_observations(x, one);
+        for (int i = 1; i <= x.Nrows(); ++i) {  // components 2 and 3 are one place: they share as pi_2 : pi_3
+            expect_probabilities(c, i, {1, 0, 0.2, 0.8}, 3, "every distance overflows");
+            expect_probabilities(single, i, {1, 1}, 1, "one component");
+        }
+    }
+    {   // An indefinite covariance weighs nothing; when no component is left, the row has no probabilities.
+        emstructuneq bad{mat(2, 2, {0, 0, 4, 4}), {{}, {IdentityMatrix(2)}, {mat(2, 2, {1, 0, 0, -1})}}, mat(2, 1, {0.5, 0.5}), 0.0};
+        const Classification c = classify_observations(x, bad);
+        for (int i = 1; i <= x.Nrows(); ++i) expect_probabilities(c, i, {1, 1, 0}, 1, "indefinite component 2");
+        EXPECT_EQ(c.not_a_number, (std::vector<int>{0, 5}));
+        std::ostringstream err;
+        print_undefined_weights(err, c);
+        EXPECT_EQ(err.str(), "mixrank-classify: the weight of component 2 is not a number for 5 of 5 observations (its "
+                             "covariance cannot be factorised); it counts as 0 there\n");
+        bad.sigma[1].comp = bad.sigma[2].comp;
+        const Classification none = classify_observations(x, bad);
+        EXPECT_EQ(none.unweighted, 5);
+        EXPECT_TRUE(std::isnan(none.tau(3, 1)) && std::isnan(none.tau(3, 2)) && std::isnan(none.uncertainty(3)) && none.label(3) == 1.0);
     }
 }
 
