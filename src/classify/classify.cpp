@@ -30,10 +30,9 @@ const double kNaN = std::numeric_limits<double>::quiet_NaN();
 // infinite or not a number) the row is computed from the logarithms of the
 // weights instead, and so is every row when the matrix library cannot prepare
 // a density. A component whose covariance cannot be factorised weighs 0.
-template <class Record>
-Classification classify_with(const Matrix& x, const Record& fit)
+ClassifiedRows classify_with(const Matrix& x, const Mixture& fit)
 {
-    const int n = x.Nrows(), p = x.Ncols(), K = fit.mu.Nrows();
+    const int n = x.Nrows(), p = x.Ncols(), K = fit.components;
     const LogWeights logw(fit);
     std::vector<NormalDensity> dens;
     try {
@@ -44,8 +43,8 @@ Classification classify_with(const Matrix& x, const Record& fit)
     }
     const bool direct = !dens.empty();
     const Real* xs = x.Store();
-    const Real* ms = fit.mu.Store();
-    Classification c;
+    const Real* ms = fit.means.data();
+    ClassifiedRows c;
     c.tau.ReSize(n, K);
     c.label.ReSize(n);
     c.uncertainty.ReSize(n);
@@ -56,7 +55,7 @@ Classification classify_with(const Matrix& x, const Record& fit)
         int label = 1;
         double max = 0.0, sum = 0.0;
         for (int k = 0; k < K; ++k) {
-            w[k] = direct && logw.usable(k) ? fit.pi(k + 1) * dens[k](xs + i * p, ms + k * p) : 0.0;
+            w[k] = direct && logw.usable(k) ? fit.weights[k] * dens[k](xs + i * p, ms + k * p) : 0.0;
             if (max < w[k]) {
                 max = w[k];
                 label = k + 1;
@@ -116,49 +115,35 @@ void check_covariance(const Matrix& sigma, const std::string& which, int K, cons
                        " is singular or not positive definite: it cannot classify");
 }
 
-void check_covariances(const emstruct& fit, int K, const std::string& paramfile)
+void check_covariances(const Mixture& fit, int K, const std::string& paramfile)
 {
-    check_covariance(fit.sigma, "common covariance", K, paramfile);
-}
-
-void check_covariances(const emstructuneq& fit, int K, const std::string& paramfile)
-{
+    if (fit.model == CovarianceModel::common) {
+        check_covariance(covariance_matrix(fit, 1), "common covariance", K, paramfile);
+        return;
+    }
     for (int k = 1; k <= K; ++k)
-        check_covariance(fit.sigma[k].comp, "covariance of component " + std::to_string(k), K, paramfile);
+        check_covariance(covariance_matrix(fit, k), "covariance of component " + std::to_string(k), K, paramfile);
 }
 
-template <class Record>
-Record stored_model(Record (*reader)(int, int, std::istream&), int K, int d, std::istream& param,
-                    const std::string& paramfile)
+}  // namespace
+
+ClassifiedRows classify_observations(const Matrix& x, const Mixture& fit) { return classify_with(x, fit); }
+
+Mixture stored_model(int K, int d, CovarianceModel model, std::istream& param, const std::string& paramfile)
 {
     if (K < 1) throw RunError("a model needs at least one component");
     if (!param) throw RunError("cannot read the parameter file '" + paramfile + "'");
-    Record fit;
+    Mixture fit;
     for (int g = 1; g <= K; ++g) {
-        fit = reader(g, d, param);
+        fit = read_block(param, g, d, model);
         if (param.fail())
             throw RunError("the parameter file '" + paramfile + "' holds " + std::to_string(g - 1) +
                            " complete model(s) before it ends or stops being numeric; -g " +
                            std::to_string(K) + " needs " + std::to_string(K));
     }
-    check_proportions(fit.pi, K, paramfile);
+    check_proportions(weights_vector(fit), K, paramfile);
     check_covariances(fit, K, paramfile);
     return fit;
-}
-
-}  // namespace
-
-Classification classify_observations(const Matrix& x, const emstruct& fit) { return classify_with(x, fit); }
-Classification classify_observations(const Matrix& x, const emstructuneq& fit) { return classify_with(x, fit); }
-
-emstruct stored_model_e(int K, int d, std::istream& param, const std::string& paramfile)
-{
-    return stored_model(&readparam_e, K, d, param, paramfile);
-}
-
-emstructuneq stored_model_u(int K, int d, std::istream& param, const std::string& paramfile)
-{
-    return stored_model(&readparam_u, K, d, param, paramfile);
 }
 
 std::string class_file_name(const std::string& datafile, const std::string& Methodname, int K)
@@ -169,7 +154,7 @@ std::string class_file_name(const std::string& datafile, const std::string& Meth
     return name + "g" + std::to_string(K) + ".class";
 }
 
-void write_class_lines(std::ostream& out, const Matrix& original, const Classification& c)
+void write_class_lines(std::ostream& out, const Matrix& original, const ClassifiedRows& c)
 {
     const Matrix all = original | c.label | c.tau | c.uncertainty;
     const std::streamsize precision = out.precision(6);
@@ -177,7 +162,7 @@ void write_class_lines(std::ostream& out, const Matrix& original, const Classifi
     out.precision(precision);
 }
 
-void print_summary(std::ostream& out, const Classification& c, const ColumnVector& pi,
+void print_summary(std::ostream& out, const ClassifiedRows& c, const ColumnVector& pi,
                    const Matrix& mu, const ColumnVector& sd)
 {
     const int n = c.label.Nrows(), K = mu.Nrows(), d = mu.Ncols();
@@ -211,7 +196,7 @@ void print_summary(std::ostream& out, const Classification& c, const ColumnVecto
         out << "Observations that no component can weigh (label 1, probabilities nan): " << c.unweighted << "\n";
 }
 
-void print_undefined_weights(std::ostream& err, const Classification& c)
+void print_undefined_weights(std::ostream& err, const ClassifiedRows& c)
 {
     for (std::size_t k = 0; k < c.not_a_number.size(); ++k)
         if (c.not_a_number[k] > 0)

@@ -1,4 +1,4 @@
-// Classification of every observation by a stored mixture: posterior
+// ClassifiedRows of every observation by a stored mixture: posterior
 // probabilities, the label of the largest weight and its uncertainty; the
 // ".class" file that holds them and the per-component summary.
 #pragma once
@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "common/matrix.h"
-#include "mixture/records.h"
+#include "mixture/mixture.h"
 
 namespace mixrank {
 
-struct Classification {
+struct ClassifiedRows {
     Matrix tau;                // n x K: pi_k f_k(x_i) / sum_j pi_j f_j(x_i)
     ColumnVector label;        // n: 1..K, the component of the largest weight
     ColumnVector uncertainty;  // n: 1 - max_k tau_ik
@@ -30,16 +30,14 @@ struct Classification {
 // of posterior()/posterior2() and tau is that quotient; elsewhere (every
 // weight underflows, or one is infinite or not a number) both come from the
 // logarithms of the weights, so the label is still the largest weight's.
-Classification classify_observations(const Matrix& x, const emstruct& fit);
-Classification classify_observations(const Matrix& x, const emstructuneq& fit);
+ClassifiedRows classify_observations(const Matrix& x, const Mixture& fit);
 
 // Reads the models g = 1..K from param, as the risk step does, and returns
 // the K-component one. RunError, naming paramfile, when the file ends or holds
 // text or a number that is not finite before that model is complete, or when
 // the model cannot classify: proportions that are negative or do not sum to
 // 1, a covariance that is singular or not positive definite.
-emstruct stored_model_e(int K, int d, std::istream& param, const std::string& paramfile);
-emstructuneq stored_model_u(int K, int d, std::istream& param, const std::string& paramfile);
+Mixture stored_model(int K, int d, CovarianceModel model, std::istream& param, const std::string& paramfile);
 
 // "<head>.<model>.g<K>.class", head and model as in the report's name.
 std::string class_file_name(const std::string& datafile, const std::string& Methodname, int K);
@@ -47,16 +45,16 @@ std::string class_file_name(const std::string& datafile, const std::string& Meth
 // One line per observation: its values as read, its label, its K posterior
 // probabilities and its uncertainty, each number with six decimals and one
 // blank after it.
-void write_class_lines(std::ostream& out, const Matrix& original, const Classification& c);
+void write_class_lines(std::ostream& out, const Matrix& original, const ClassifiedRows& c);
 
 // The table per component (label, observations, proportion, mean
 // uncertainty, mean in the original units) and the count of uncertain
 // observations. sd holds the standard deviation of every data column.
-void print_summary(std::ostream& out, const Classification& c, const ColumnVector& pi,
+void print_summary(std::ostream& out, const ClassifiedRows& c, const ColumnVector& pi,
                    const Matrix& mu, const ColumnVector& sd);
 
 // One line per component whose weight was not a number somewhere, with the
 // number of observations where it counted as 0.
-void print_undefined_weights(std::ostream& err, const Classification& c);
+void print_undefined_weights(std::ostream& err, const ClassifiedRows& c);
 
 }  // namespace mixrank

@@ -72,17 +72,16 @@ Matrix read_checked_data(const ClassifyOptions& o)
     return x;
 }
 
-template <class Record>
 void classify_and_write(const ClassifyOptions& o, const Matrix& original, const Matrix& scaled,
-                        const ColumnVector& sd, const Record& fit, const std::string& outfile)
+                        const ColumnVector& sd, const Mixture& fit, const std::string& outfile)
 {
-    const Classification c = classify_observations(scaled, fit);
+    const ClassifiedRows c = classify_observations(scaled, fit);
     AtomicFile file("classification file", outfile);
     write_class_lines(file.stream(), original, c);
     file.commit();
     std::cout << "The " << o.components << "-component model from " << o.paramfile << " ("
               << (o.method == 'E' ? "common covariance" : "one covariance per component") << ")\n";
-    print_summary(std::cout, c, fit.pi, fit.mu, sd);
+    print_summary(std::cout, c, weights_vector(fit), means_matrix(fit), sd);
     std::cout.flush();
     print_undefined_weights(std::cerr, c);
     std::cout << "Labels and posterior probabilities written to " << outfile << std::endl;
@@ -167,10 +166,9 @@ int classify_run(int argc, char** argv)
     for (const std::string* input : {&o.datafile, &o.paramfile})
         if (same_file(outfile, *input))
             throw RunError("the classification file " + outfile + " would replace the input file " + *input);
-    if (o.method == 'E')
-        classify_and_write(o, original, scaled, sd, stored_model_e(o.components, original.Ncols(), param, o.paramfile), outfile);
-    else
-        classify_and_write(o, original, scaled, sd, stored_model_u(o.components, original.Ncols(), param, o.paramfile), outfile);
+    const CovarianceModel model = o.method == 'E' ? CovarianceModel::common : CovarianceModel::per_component;
+    classify_and_write(o, original, scaled, sd, stored_model(o.components, original.Ncols(), model, param, o.paramfile),
+                       outfile);
     return 0;
 }
 

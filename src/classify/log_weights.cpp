@@ -22,14 +22,9 @@ LogWeights::LogWeights(const Matrix& mu)
     constant_.reserve(K_);
 }
 
-LogWeights::LogWeights(const emstruct& fit) : LogWeights(fit.mu)
+LogWeights::LogWeights(const Mixture& fit) : LogWeights(means_matrix(fit))
 {
-    for (int k = 0; k < K_; ++k) add_component(k, fit.sigma, fit.pi(k + 1));
-}
-
-LogWeights::LogWeights(const emstructuneq& fit) : LogWeights(fit.mu)
-{
-    for (int k = 0; k < K_; ++k) add_component(k, fit.sigma[k + 1].comp, fit.pi(k + 1));
+    for (int k = 0; k < K_; ++k) add_component(k, covariance_matrix(fit, k + 1), fit.weights[k]);
 }
 
 void LogWeights::add_component(int k, const Matrix& sigma, double pi)

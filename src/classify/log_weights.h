@@ -8,14 +8,13 @@
 #include <vector>
 
 #include "common/matrix.h"
-#include "mixture/records.h"
+#include "mixture/mixture.h"
 
 namespace mixrank {
 
 class LogWeights {
 public:
-    explicit LogWeights(const emstruct& fit);
-    explicit LogWeights(const emstructuneq& fit);
+    explicit LogWeights(const Mixture& fit);
 
     // False when the covariance of component k (0-based) is not positive
     // definite or not finite: its weight is not a number anywhere.

@@ -171,7 +171,8 @@ int run(int argc, char** argv)
     std::istringstream param(which == 'E' || which == 'N' ? estimate(config, x, datafile_std, which)
                                                           : stored_parameters(config.paramfile));
     const RiskTable table =
-        risk_calculation(x, kernel, config.max, config.method, param, config.paramfile, std::cout);
+        risk_calculation(x, kernel, config.max, config.method == 'E' ? CovarianceModel::common : CovarianceModel::per_component,
+                         param, config.paramfile, std::cout);
     report(table, kernel.kxx, config.max, config.datafile, config.Methodname, std::cout);
 
     const std::clock_t sam2 = std::clock();

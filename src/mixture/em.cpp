@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,7 +12,6 @@
 
 namespace mixrank {
 
-using em_pass::SizeGuard;
 using em_pass::State;
 
 namespace {
@@ -251,9 +249,17 @@ Mixture finished(State& s, CovarianceModel model, std::vector<std::vector<double
     return fit;
 }
 
+StartFit started_fit(State& s, CovarianceModel model, std::vector<std::vector<double>> sigma)
+{
+    StartFit fit;
+    if (s.abandoned) fit.abandoned_size = s.abandoned_size;
+    fit.mixture = finished(s, model, std::move(sigma));
+    return fit;
+}
+
 }  // namespace
 
-Mixture fit_common(const FitData& x, const double* grp, int K, std::ostream& out)
+StartFit fit_common(const FitData& x, const double* grp, int K)
 {
     check_shape(x.p(), K);
     State s;
@@ -261,11 +267,11 @@ Mixture fit_common(const FitData& x, const double* grp, int K, std::ostream& out
     start_from_partition(x, grp, K, s);
     total_covariance(x, s, sigma);
     CommonCovariance model(sigma, K, x.p(), false);
-    em_pass::run(x, s, model, SizeGuard::report, out);
-    return finished(s, CovarianceModel::common, {std::move(sigma)});
+    em_pass::run(x, s, model, true);
+    return started_fit(s, CovarianceModel::common, {std::move(sigma)});
 }
 
-Mixture fit_components(const FitData& x, const double* grp, int K, std::ostream& out)
+StartFit fit_components(const FitData& x, const double* grp, int K)
 {
     check_shape(x.p(), K);
     require(K <= kMaxUnequalComponents, "component covariances allow at most " +
@@ -276,8 +282,8 @@ Mixture fit_components(const FitData& x, const double* grp, int K, std::ostream&
     start_from_partition(x, grp, K, s);
     group_covariances(x, grp, s, sigma);
     ComponentCovariances model(sigma, x.p());
-    em_pass::run(x, s, model, SizeGuard::silent, out);
-    return finished(s, CovarianceModel::per_component, std::move(sigma));
+    em_pass::run(x, s, model, true);
+    return started_fit(s, CovarianceModel::per_component, std::move(sigma));
 }
 
 void RefusedCovariance::repeat_with_library() const
@@ -330,8 +336,7 @@ Mixture em_from_initial_estimates(const Matrix& x, Matrix mu, Matrix sigma, Colu
     std::copy(pi.Store(), pi.Store() + K, s.pi.begin());
     std::vector<double> cov(sigma.Store(), sigma.Store() + static_cast<std::size_t>(p) * p);
     CommonCovariance model(cov, K, p, true);
-    std::ostringstream unused;  // without the size guard nothing is said
-    on_main_thread([&] { em_pass::run(data, s, model, SizeGuard::none, unused); });
+    on_main_thread([&] { em_pass::run(data, s, model, false); });
     const double last_density = s.last_density;
     Mixture result = finished(s, CovarianceModel::common, {std::move(cov)});
     result.loglik = std::log(last_density);

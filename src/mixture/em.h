@@ -3,7 +3,7 @@
 #pragma once
 
 #include <exception>
-#include <ostream>
+#include <limits>
 #include <vector>
 
 #include "common/matrix.h"
@@ -17,13 +17,18 @@ namespace mixrank {
 // the last observation's mixture density.
 Mixture em_from_initial_estimates(const Matrix& x, Matrix mu, Matrix sigma, ColumnVector pi, int K);
 
-// A fit from a partition of the rows into K groups (labels 1..K, one per
-// row). These run on worker threads: they never call the matrix library (the
-// covariances are inverted by our own routines, in the library's order), and
-// the common-covariance fit says on `out` when it abandons a start because a
-// component became too small.
-Mixture fit_common(const FitData& x, const double* grp, int K, std::ostream& out);
-Mixture fit_components(const FitData& x, const double* grp, int K, std::ostream& out);
+// A fit from a starting partition, and when EM abandoned it because a
+// component became too small, that component's size.
+struct StartFit {
+    Mixture mixture;
+    double abandoned_size = std::numeric_limits<double>::quiet_NaN();
+};
+
+// EM from a partition of the rows into K groups (labels 1..K, one per row).
+// These run on worker threads: they never call the matrix library (the
+// covariances are inverted by our own routines, in the library's order).
+StartFit fit_common(const FitData& x, const double* grp, int K);
+StartFit fit_components(const FitData& x, const double* grp, int K);
 
 // A covariance met in a fit that the matrix library would refuse to invert
 // (an exactly zero pivot), or whose inverse's determinant would overflow.

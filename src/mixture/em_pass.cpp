@@ -137,14 +137,7 @@ double smallest_size(const State& s)
     return smallest;
 }
 
-bool too_small(const State& s, SizeGuard guard, std::ostream& out)
-{
-    if (guard == SizeGuard::none) return false;
-    const double smallest = smallest_size(s);
-    if (!(smallest < kSmallestSize)) return false;
-    if (guard == SizeGuard::report) out << "\n" << smallest << " to small n " << std::endl;
-    return true;
-}
+bool too_small(const State& s) { return smallest_size(s) < kSmallestSize; }
 
 }  // namespace em_pass
 }  // namespace mixrank

@@ -13,7 +13,6 @@
 #pragma once
 
 #include <cstddef>
-#include <ostream>
 #include <vector>
 
 #include "common/matrix.h"
@@ -65,16 +64,10 @@ struct State {
     double last_density{};  // mixture density of observation n, last E-step
     bool converged = false;  // the stopping rule was met
     bool abandoned = false;  // the size guard ended the fit
+    double abandoned_size{};  // the smallest size then
 
     // Sizes every array for n observations; contents are left to the caller.
     void resize(std::size_t n, int components, int dimension);
-};
-
-// What happens when the smallest component size is below kSmallestSize.
-enum class SizeGuard {
-    none,    // not checked at all
-    silent,  // abandon the fit without a word
-    report,  // abandon the fit and say so on the given stream
 };
 
 // E-step: fills s.w with the normalised weights, s.last_density, and returns
@@ -91,22 +84,23 @@ bool converged(const State& s);
 // entry, replaced by every later one below it (so a NaN first entry stays).
 double smallest_size(const State& s);
 
-// True (after printing the message to out if asked) when the fit must be
-// abandoned.
-bool too_small(const State& s, SizeGuard guard, std::ostream& out);
+// True when the smallest size is below kSmallestSize (a NaN size is not).
+bool too_small(const State& s);
 
-// Runs passes until convergence, the pass limit or the size guard.
+// Runs passes until convergence, the pass limit or, with size_guard, a
+// component smaller than kSmallestSize (its size kept in s.abandoned_size).
 // Model needs: void densities(std::vector<NormalDensity>&) (inverts once)
 // and void update(const FitData& x, const State& s) (covariance M-step).
 template <class Model>
-void run(const FitData& x, State& s, Model& model, SizeGuard guard, std::ostream& out)
+void run(const FitData& x, State& s, Model& model, bool size_guard)
 {
     std::vector<NormalDensity> dens;
     bool notconverged = true;
     while (notconverged && s.iterations <= kPassLimit) {
-        if (too_small(s, guard, out)) {
+        if (size_guard && too_small(s)) {
             s.l_i = kAbandonedLoglik;
             s.abandoned = true;
+            s.abandoned_size = smallest_size(s);
             break;
         }
         s.l_i2 = s.l_i1;

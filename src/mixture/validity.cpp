@@ -68,17 +68,16 @@ std::string first_of(std::initializer_list<std::string> problems)
 
 }  // namespace
 
-std::string mixture_problem(const emstruct& fit)
+std::string mixture_problem(const Mixture& fit)
 {
-    return first_of({proportions_problem(fit.pi), means_problem(fit.mu),
-                     covariance_problem(fit.sigma, "the common covariance")});
-}
-
-std::string mixture_problem(const emstructuneq& fit)
-{
-    std::string problem = first_of({proportions_problem(fit.pi), means_problem(fit.mu)});
-    for (int k = 1; problem.empty() && k <= fit.mu.Nrows(); ++k)
-        problem = covariance_problem(fit.sigma[k].comp, "covariance of component " + std::to_string(k));
+    std::string problem = first_of({proportions_problem(weights_vector(fit)), means_problem(means_matrix(fit))});
+    if (fit.model == CovarianceModel::common) {
+        if (problem.empty() && fit.components > 0)
+            problem = covariance_problem(covariance_matrix(fit, 1), "the common covariance");
+        return problem;
+    }
+    for (int k = 1; problem.empty() && k <= fit.components; ++k)
+        problem = covariance_problem(covariance_matrix(fit, k), "covariance of component " + std::to_string(k));
     return problem;
 }
 

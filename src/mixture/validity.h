@@ -1,10 +1,10 @@
-// Whether a record read back from a parameter file is a valid normal mixture,
+// Whether a mixture read back from a parameter file is a valid normal mixture,
 // and if not, what is wrong with it in words.
 #pragma once
 
 #include <string>
 
-#include "mixture/records.h"
+#include "mixture/mixture.h"
 
 namespace mixrank {
 
@@ -24,7 +24,6 @@ constexpr double kProportionSumTolerance = 1e-3;
 // d * DBL_EPSILON times the largest variance, so a near-singular fit passes).
 // Otherwise the first problem found, for example "proportion of component 1
 // is negative (-0.2)".
-std::string mixture_problem(const emstruct& fit);
-std::string mixture_problem(const emstructuneq& fit);
+std::string mixture_problem(const Mixture& fit);
 
 }  // namespace mixrank

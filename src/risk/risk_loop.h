@@ -19,7 +19,7 @@ struct RiskTable {
 // models are read and prepared one after another, then one pass over the
 // kernel serves all of them; the screen output comes in model order as if
 // each model had been finished before the next was read.
-RiskTable risk_calculation(const Matrix& x, const KernelSummary& kernel, int max, char method,
+RiskTable risk_calculation(const Matrix& x, const KernelSummary& kernel, int max, CovarianceModel model,
                            std::istream& param, const std::string& paramfile, std::ostream& out);
 
 }  // namespace mixrank

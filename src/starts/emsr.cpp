@@ -5,6 +5,7 @@
 #include <iostream>
 #include <memory>
 #include <sstream>
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -40,9 +41,9 @@ int best_start(const std::vector<double>& logliks)
 namespace {
 
 // The EM routine of the starts of a covariance model.
-Mixture fit_start(CovarianceModel model, const FitData& x, const double* grp, int K, std::ostream& out)
+StartFit fit_start(CovarianceModel model, const FitData& x, const double* grp, int K)
 {
-    return model == CovarianceModel::common ? fit_common(x, grp, K, out) : fit_components(x, grp, K, out);
+    return model == CovarianceModel::common ? fit_common(x, grp, K) : fit_components(x, grp, K);
 }
 
 // Everything random about the starts of one g, drawn from the one stream in
@@ -87,17 +88,16 @@ StartDraws draw_starts(const Matrix& x, int g, int kmn, int indall)
 // The starts of one g and what their fits gave.
 struct CountWork {
     StartDraws draws;
-    std::vector<std::ostringstream> said;  // each start's messages, formatted as standard output is
-    std::vector<Mixture> fits;
+    std::vector<StartFit> fits;
     std::vector<std::size_t> task;  // each start's place on the board
 };
 
 // All fits of g = 1..max on worker threads: the three linkage rules first
 // (they take longest, and the linkage starts need them), then the starts in
 // table order, g by g; a linkage start waits for its rule, and meanwhile
-// the workers go on with the starts after it. What the fits print is held
-// back and printed in table order by the calling thread, g by g, as soon as
-// a g's starts are done, so the output does not depend on the threads.
+// the workers go on with the starts after it. What the fits report is
+// passed on in table order by the calling thread, g by g, as soon as a g's
+// starts are done, so it does not depend on the threads.
 class CountFits {
 public:
     CountFits(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd) : model_(model), max_(max), data_(x)
@@ -115,8 +115,6 @@ public:
         for (int g = 1; g <= max; ++g) {
             CountWork& c = counts_[static_cast<std::size_t>(g - 1)];
             c.draws = draw_starts(x, g, kmn, indall);
-            c.said = std::vector<std::ostringstream>(c.draws.ready);
-            for (std::ostringstream& s : c.said) s.copyfmt(std::cout);
             c.fits.resize(c.draws.ready);
             for (std::size_t ind = 0; ind < c.draws.ready; ++ind) c.task.push_back(add_start(g, ind));
             if (c.draws.failure) break;
@@ -131,21 +129,24 @@ public:
             if (const std::exception_ptr failure = board_.wait(t)) std::rethrow_exception(failure);
     }
 
-    // Prints the messages of g's starts in table order and returns the fit
-    // chosen by BestStart; a failure comes out after the messages of the
-    // starts before it.
-    Mixture best(int g)
+    // Reports g's abandoned starts in table order and returns the fit chosen
+    // by BestStart; a failure comes out after the reports of the starts
+    // before it.
+    Mixture best(int g, const Progress& progress)
     {
         const CountWork& c = counts_[static_cast<std::size_t>(g - 1)];
         BestStart best;
         for (std::size_t ind = 0; ind < c.draws.ready; ++ind) {
             const std::exception_ptr failure = board_.wait(c.task[ind]);
-            std::cout << c.said[ind].str() << std::flush;
             if (failure) rethrow_fit_failure(failure);
-            best.offer(c.fits[ind].loglik);
+            const StartFit& fit = c.fits[ind];
+            // Only the common-covariance fits have always said so.
+            if (model_ == CovarianceModel::common && !std::isnan(fit.abandoned_size) && progress.start_abandoned)
+                progress.start_abandoned(g, static_cast<int>(ind), fit.abandoned_size);
+            best.offer(fit.mixture.loglik);
         }
         if (c.draws.failure) std::rethrow_exception(c.draws.failure);
-        return c.fits[best.index()];
+        return c.fits[best.index()].mixture;
     }
 
 private:
@@ -175,7 +176,7 @@ private:
             own.swap(c.draws.partitions[ind - kmn - 3]);
         }
         if (grp == nullptr) grp = own.data();
-        c.fits[ind] = fit_start(model_, data_, grp, g, c.said[ind]);
+        c.fits[ind] = fit_start(model_, data_, grp, g);
     }
 
     CovarianceModel model_;
@@ -200,39 +201,62 @@ bool append_record(std::ostream& param, const Mixture& final)
     return static_cast<bool>(param.flush());
 }
 
-void fit_all_counts(const Matrix& x, CovarianceModel model, std::ostream& param, int max, int kmn, int rnd)
-{
-    CountFits fits(x, model, max, kmn, rnd);
-    fits.rules_done();
-    for (int g = 1; g <= max; ++g) {
-        std::cout << " Estimating Parameters for " << g << " components model ...." << std::endl;
-        if (!append_record(param, fits.best(g))) return;  // the caller reports the failed write
-    }
-}
+// Thrown by the classic estimator's callback to stop after a record that
+// could not be written.
+struct RecordNotWritten {};
 
-void check_settings(int max, int kmn, int rnd, char method)
+void check_settings(int max, int kmn, int rnd, CovarianceModel model)
 {
     if (kmn < 0) throw RunError("the number of K-means starts must not be negative");
     if (rnd < 0) throw RunError("the number of random starts must not be negative");
-    if (method != 'E' && max > kMaxUnequalComponents)
+    if (model != CovarianceModel::common && max > kMaxUnequalComponents)
         throw RunError("at most 20 components can be fitted with one covariance matrix per component");
 }
 
 }  // namespace
 
+std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd,
+                                const Progress& progress)
+{
+    check_settings(max, kmn, rnd, model);
+    CountFits fits(x, model, max, kmn, rnd);
+    fits.rules_done();
+    std::vector<Mixture> best;
+    for (int g = 1; g <= max; ++g) {
+        if (progress.count_started) progress.count_started(g);
+        best.push_back(fits.best(g, progress));
+        if (progress.count_fitted) progress.count_fitted(g, best.back());
+    }
+    return best;
+}
+
 void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, int max, int kmn, int rnd,
           char method)
 {
-    check_settings(max, kmn, rnd, method);
+    const CovarianceModel model = method == 'E' ? CovarianceModel::common : CovarianceModel::per_component;
+    check_settings(max, kmn, rnd, model);
     std::cout << " Estimating Parameters and putting it in " << paramfile << std::flush;
     if (method == 'E') {
         std::cout << " for equal variance setup" << std::endl;
-        fit_all_counts(x, CovarianceModel::common, param, max, kmn, rnd);
     } else {
         // The words follow the file name without a blank, and the line is
         // not flushed: this is the established output.
         std::cout << "for unequal variance " << "\n";
-        fit_all_counts(x, CovarianceModel::per_component, param, max, kmn, rnd);
+    }
+    Progress progress;
+    progress.count_started = [](int g) {
+        std::cout << " Estimating Parameters for " << g << " components model ...." << std::endl;
+    };
+    progress.start_abandoned = [](int, int, double size) {
+        std::cout << "\n" << size << " to small n " << std::endl;
+    };
+    progress.count_fitted = [&](int, const Mixture& best) {
+        if (!append_record(param, best)) throw RecordNotWritten{};
+    };
+    try {
+        fit_counts(x, model, max, kmn, rnd, progress);
+    } catch (const RecordNotWritten&) {
+        // the caller reports the failed write
     }
 }
 

@@ -9,12 +9,19 @@
 #include <string>
 #include <vector>
 
+#include <mixrank/mixrank.h>
+
 #include "common/matrix.h"
 
 namespace mixrank {
 
 void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, int max, int kmn, int rnd,
           char method);
+
+// The fitting behind it, printing nothing: the best fit of every g = 1..max,
+// reported through progress as it comes, in table order.
+std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd,
+                                const Progress& progress);
 
 // Running choice of the best start in table order. The best log-likelihood
 // is held in single precision: a later start wins when its loglik is

@@ -16,9 +16,9 @@ static ColumnVector by_rule(const Matrix& x, const emstructuneq& fit) { return p
 // Classifies x, checking the first rows against the maximum-posterior rule and against pi_k f_k(x): the label of
 // the largest (the first on ties), the weights over their sum, and 1 minus the largest of those.
 template <class Record>
-static Classification classified(const Matrix& x, int rows, const Record& fit)
+static ClassifiedRows classified(const Matrix& x, int rows, const Record& fit)
 {
-    const Classification c = classify_observations(x, fit);
+    const ClassifiedRows c = classify_observations(x, fit);
     const io_scratch::CaptureStdout screen;
     const ColumnVector rule = by_rule(x, fit);
     EXPECT_EQ(screen.text(), "k=" + std::to_string(fit.mu.Nrows()) + "\n");
@@ -58,7 +58,7 @@ static std::pair<std::vector<double>, int> log_form(const Matrix& x, int i, cons
 }
 
 // Row i has finite probabilities that sum to 1, the label of the largest and the uncertainty that goes with it.
-static void expect_probabilities(const Classification& c, int i, const std::vector<double>& tau, int label, const std::string& what)
+static void expect_probabilities(const ClassifiedRows& c, int i, const std::vector<double>& tau, int label, const std::string& what)
 {
     double sum = 0.0;
     for (int k = 1; k <= c.tau.Ncols(); ++k) {
@@ -84,13 +84,13 @@ TEST(Classify, PosteriorProbabilitiesLabelsAndUncertaintyAgainstTheDirectForm)
         const int K = model[1] - '0';
         const auto check = [&](const auto& fit) {
             // Far away every weight underflows to 0: the logarithms still weigh the components.
-            const Classification c = classified(x, 5, fit);
+            const ClassifiedRows c = classified(x, 5, fit);
             const auto [tau, label] = log_form(x, 6, fit);
             EXPECT_EQ(c.unweighted, 0) << model;
             expect_probabilities(c, 6, tau, label, model);
             return c;
         };
-        const Classification c = model[0] == 'E' ? check(stored_model_e(K, 2, file, "p")) : check(stored_model_u(K, 2, file, "p"));
+        const ClassifiedRows c = model[0] == 'E' ? check(stored_model_e(K, 2, file, "p")) : check(stored_model_u(K, 2, file, "p"));
         EXPECT_TRUE(K != 2 || (c.label(1) == 1.0 && c.uncertainty(1) == 0.5)) << model << ": the tie at even odds";
     }
 }
@@ -105,7 +105,7 @@ TEST(Classify, FarOverflowingAndDegenerateComponentsLeaveTheOthersTheirProbabili
         const emstruct far{mat(3, 2, {1e160, 2e160, 0, 0, 5, 5}), mat(2, 2, {1, 0.8, 0.8, 1}), mat(3, 1, {0.5, 0.2, 0.3}), 0.0};
         ASSERT_TRUE(std::isnan(MVNpdf(x.Row(1), far.mu.Row(1), far.sigma.i())));
         const emstruct rest{far.mu.Rows(2, 3), far.sigma, far.pi.Rows(2, 3), 0.0};
-        const Classification c = classify_observations(x, far), r = classify_observations(x, rest);
+        const ClassifiedRows c = classify_observations(x, far), r = classify_observations(x, rest);
         EXPECT_EQ(c.not_a_number, std::vector<int>(3, 0));
         for (int i = 1; i <= x.Nrows(); ++i)  // as if the far component were not there
             expect_probabilities(c, i, {1, 0, r.tau(i, 1), r.tau(i, 2)}, r.label(i) + 1, "far component");
@@ -113,7 +113,7 @@ TEST(Classify, FarOverflowingAndDegenerateComponentsLeaveTheOthersTheirProbabili
     {   // Component 2's covariance 1e-300 I: det(Sigma^-1) = 1e600 overflows, and the direct density cannot be formed.
         const emstructuneq tiny{mat(2, 2, {0, 0, 3, 0.5}), {{}, {IdentityMatrix(2)}, {1e-300 * IdentityMatrix(2)}}, mat(2, 1, {0.9, 0.1}), 0.0};
         EXPECT_THROW(component_densities(tiny), NEWMAT::BaseException);
-        const Classification c = classify_observations(x, tiny);
+        const ClassifiedRows c = classify_observations(x, tiny);
         for (int i = 1; i <= x.Nrows(); ++i) {
             const auto [tau, label] = log_form(x, i, tiny);
             expect_probabilities(c, i, tau, label, "overflowing density");
@@ -124,7 +124,7 @@ TEST(Classify, FarOverflowingAndDegenerateComponentsLeaveTheOthersTheirProbabili
     {   // Means at 1e200 and beyond: every squared distance overflows, and the nearest component takes the row.
         const emstruct beyond{mat(3, 2, {0, 3e200, 1e200, 0, 1e200, 0}), IdentityMatrix(2), mat(3, 1, {0.5, 0.1, 0.4}), 0.0};
         const emstruct one{mat(1, 2, {1e160, -1e160}), IdentityMatrix(2), mat(1, 1, {1}), 0.0};
-        const Classification c = classify_observations(x, beyond), single = classify_observations(x, one);
+        const ClassifiedRows c = classify_observations(x, beyond), single = classify_observations(x, one);
         for (int i = 1; i <= x.Nrows(); ++i) {  // components 2 and 3 are one place: they share as pi_2 : pi_3
             expect_probabilities(c, i, {1, 0, 0.2, 0.8}, 3, "every distance overflows");
             expect_probabilities(single, i, {1, 1}, 1, "one component");
@@ -132,7 +132,7 @@ TEST(Classify, FarOverflowingAndDegenerateComponentsLeaveTheOthersTheirProbabili
     }
     {   // An indefinite covariance weighs nothing; when no component is left, the row has no probabilities.
         emstructuneq bad{mat(2, 2, {0, 0, 4, 4}), {{}, {IdentityMatrix(2)}, {mat(2, 2, {1, 0, 0, -1})}}, mat(2, 1, {0.5, 0.5}), 0.0};
-        const Classification c = classify_observations(x, bad);
+        const ClassifiedRows c = classify_observations(x, bad);
         for (int i = 1; i <= x.Nrows(); ++i) expect_probabilities(c, i, {1, 1, 0}, 1, "indefinite component 2");
         EXPECT_EQ(c.not_a_number, (std::vector<int>{0, 5}));
         std::ostringstream err;
@@ -140,7 +140,7 @@ TEST(Classify, FarOverflowingAndDegenerateComponentsLeaveTheOthersTheirProbabili
         EXPECT_EQ(err.str(), "mixrank-classify: the weight of component 2 is not a number for 5 of 5 observations (its "
                              "covariance cannot be factorised); it counts as 0 there\n");
         bad.sigma[1].comp = bad.sigma[2].comp;
-        const Classification none = classify_observations(x, bad);
+        const ClassifiedRows none = classify_observations(x, bad);
         EXPECT_EQ(none.unweighted, 5);
         EXPECT_TRUE(std::isnan(none.tau(3, 1)) && std::isnan(none.tau(3, 2)) && std::isnan(none.uncertainty(3)) && none.label(3) == 1.0);
     }
@@ -174,7 +174,7 @@ TEST(Classify, ReadersAndTheShapeCheckRefuseByName)
 
 TEST(Classify, FileLinesWithSixDecimalsAndTheFileNameAfterTheReport)
 {
-    Classification c{mat(2, 2, {0.25, 0.75, NAN, NAN}), mat(2, 1, {2, 1}), mat(2, 1, {0.25, NAN})};
+    ClassifiedRows c{mat(2, 2, {0.25, 0.75, NAN, NAN}), mat(2, 1, {2, 1}), mat(2, 1, {0.25, NAN})};
     std::ostringstream out;
     write_class_lines(out, mat(2, 2, {5.1, -3, 1e3, 0.0000004}), c);
     EXPECT_EQ(out.str(), "5.100000 -3.000000 2.000000 0.250000 0.750000 0.250000 \n"

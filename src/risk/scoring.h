@@ -1,0 +1,32 @@
+// The risk and information criteria of a list of mixtures: for each its
+// log-likelihood, kernel quadratic distance, score matrix and projection,
+// then one product of the centred kernel with the score columns of all of
+// them, and from that EE, MLF, QAIC, QBIC, AIC and BIC.
+#pragma once
+
+#include <mixrank/mixrank.h>
+
+#include <cstddef>
+#include <functional>
+#include <vector>
+
+#include "common/matrix.h"
+#include "risk/kernel.h"
+
+namespace mixrank {
+
+// The largest deviation from idempotency of the projection that still
+// counts as stable.
+constexpr double kStabilityLimit = 1e-05;
+
+// Scores the mixtures against the scaled data x in the order given. A
+// mixture whose values are not all finite gets a row of NaN (its parameter
+// count still set). scored(i, row) is called for every mixture in order once
+// all are done; when one fails (the matrix library refuses its projection,
+// for example), it is called for those before it, and then the failure is
+// rethrown.
+std::vector<ModelScore> score_models(const Matrix& x, const KernelSummary& kernel,
+                                     const std::vector<Mixture>& mixtures,
+                                     const std::function<void(std::size_t, const ModelScore&)>& scored);
+
+}  // namespace mixrank
