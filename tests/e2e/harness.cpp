@@ -83,6 +83,17 @@ Result Workdir::finish(const Started& run) const
     return r;
 }
 
+Result Workdir::finish_within(const Started& run, int seconds) const
+{
+    for (int tick = 0; tick < seconds * 100; ++tick) {
+        siginfo_t info{};
+        if (::waitid(P_PID, run.pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == run.pid) return finish(run);
+        ::usleep(10000);
+    }
+    ::kill(run.pid, SIGKILL);
+    return finish(run);
+}
+
 Args with(Args base, const Args& more) { base.insert(base.end(), more.begin(), more.end()); return base; }
 
 std::vector<std::string> lines(const std::string& text)

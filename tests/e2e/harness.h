@@ -39,6 +39,8 @@ public:
     Started start(const std::string& program, const Args& args, const std::string& input = "", const Args& env = {},
                   long file_limit = 0) const;
     Result finish(const Started& run) const;
+    // finish, but a run still going after seconds is killed (status 128 + SIGKILL): a hang fails, not stalls.
+    Result finish_within(const Started& run, int seconds) const;
     Result run_program(const std::string& program, const Args& args, const std::string& input = "", const Args& env = {}) const
     { return finish(start(program, args, input, env)); }
     Result run(const Args& args, const std::string& input = "", const Args& env = {}) const { return run_program(MIXRANK_BINARY, args, input, env); }
