@@ -28,7 +28,9 @@ public:
     // fails the same way. Returns the task's index.
     std::size_t add(std::function<void()> run, std::size_t after = kNone);
 
-    // Starts up to thread_count() workers (no more than there are tasks).
+    // Starts up to thread_count() workers (no more than there are tasks);
+    // fewer when a thread cannot be started. RunError ("cannot start a
+    // thread: ...") when not one can.
     void start();
 
     // Waits until task i is done and returns how it failed (null if not).
