@@ -10,6 +10,8 @@
 
 namespace mixrank {
 
+std::size_t TaskBoard::bytes_per_task() { return sizeof(Task); }
+
 std::size_t TaskBoard::add(std::function<void()> run, std::size_t after)
 {
     tasks_.push_back(Task{std::move(run), after, false, false, nullptr});

@@ -23,6 +23,9 @@ public:
     TaskBoard& operator=(const TaskBoard&) = delete;
     ~TaskBoard() { stop(); }
 
+    // Memory the board holds for one task, besides what its function holds.
+    static std::size_t bytes_per_task();
+
     // Adds a task before start(); `after` is the index of an earlier task it
     // needs, or kNone. A task whose needed task failed does not run and
     // fails the same way. Returns the task's index.

@@ -112,7 +112,11 @@ std::string estimate(RunConfig& config, const Matrix& x, const std::string& data
     std::ofstream std_copy(datafile_std, std::ios::out | std::ios::trunc);
     write_scaled_copy(std_copy, x, datafile_std);
     if (config.nocommandline == 1) ask_starts(config, std::cin, std::cout);
-    if (which == 'N') check_kmeans_groups(config);
+    if (which == 'N') {
+        check_kmeans_groups(config);
+        check_start_memory(static_cast<std::size_t>(dim), config.max, config.nokmn, config.nornd, config.method,
+                           linkage_memory_limit());
+    }
     if (which == 'E') {
         std::cout << "STARTED  EMMIX   (parameters stored in)   " << config.paramfile << std::endl;
         try {
