@@ -1,6 +1,7 @@
 #include "starts/emsr.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <exception>
 #include <iostream>
 #include <memory>
@@ -8,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "common/format.h"
 #include "common/task_board.h"
 #include "common/settings.h"
 #include "io/param_file.h"
@@ -59,40 +61,45 @@ struct StartFit<emstructuneq> {
 
 // Everything random about the starts of one g, drawn from the one stream in
 // table order before any start runs: for g = 1 its random partition, for
-// g >= 2 the K-means permutations, then the random partitions. A draw that
-// fails (an impossible K) ends the table there, and no later g is drawn: the
-// starts before it run and its failure follows their messages, as when
-// every start ran right after its draw.
+// g >= 2 the K-means permutations, then the random partitions, n draws
+// each. The stream is moved on past them here; what a start keeps is the
+// place its draws begin, from which it makes them again when it runs. A
+// draw that fails (an impossible K) ends the table there, and no later g is
+// drawn: the starts before it run and its failure follows their messages,
+// as when every start ran right after its draw.
 struct StartDraws {
-    std::vector<std::vector<int>> orders;         // K-means starts 3..kmn+2
-    std::vector<std::vector<double>> partitions;  // random starts from kmn+3 on (g = 1: the only one)
-    std::size_t ready = 0;                        // starts whose draws are made
-    std::exception_ptr failure;                   // of the draw of start `ready`
+    DrawStream first{0};          // where the draws of start 0 (g = 1) or 3 (g >= 2) begin
+    std::size_t n = 0;            // draws per start
+    std::size_t ready = 0;        // starts whose draws are made
+    std::exception_ptr failure;   // of the draw of start `ready`
+
+    // The draws of start ind (g = 1: 0; else from 3 on) begin here.
+    DrawStream of(std::size_t ind) const
+    {
+        DrawStream at = first;
+        if (ind > 3) at.skip(static_cast<std::uint64_t>(n) * (ind - 3));
+        return at;
+    }
 };
 
-std::vector<double> labels_of(const ColumnVector& partition)
-{
-    return std::vector<double>(partition.Store(), partition.Store() + partition.Nrows());
-}
-
-StartDraws draw_starts(const Matrix& x, int g, int kmn, int indall)
+StartDraws draw_starts(const Matrix& x, int g, std::size_t kmn, std::size_t indall)
 {
     StartDraws draws;
-    try {
-        if (g == 1) {
-            draws.partitions.push_back(labels_of(randomstart(x, 1)));
-            draws.ready = 1;
+    draws.first = DrawStream::process();
+    draws.n = static_cast<std::size_t>(x.Nrows());
+    draws.ready = g == 1 ? 1 : 3;
+    if (g >= 2 && kmn > 0) {
+        try {
+            kmeans_check(x.Nrows(), g);
+        } catch (...) {
+            draws.failure = std::current_exception();
             return draws;
         }
-        for (draws.ready = 3; draws.ready < static_cast<std::size_t>(indall); ++draws.ready) {
-            if (draws.ready < static_cast<std::size_t>(kmn) + 3)
-                draws.orders.push_back(kmeans_draw(x, g));
-            else
-                draws.partitions.push_back(labels_of(randomstart(x, g)));
-        }
-    } catch (...) {
-        draws.failure = std::current_exception();
     }
+    if (g >= 2) draws.ready = indall;
+    DrawStream after = draws.first;
+    after.skip(static_cast<std::uint64_t>(draws.n) * (draws.ready - (g == 1 ? 0 : 3)));
+    after.make_process();
     return draws;
 }
 
@@ -124,10 +131,11 @@ public:
                                                 t > 0 && !side_by_side ? rule_task_[t - 1] : TaskBoard::kNone));
         }
         counts_.resize(static_cast<std::size_t>(max > 0 ? max : 0));
-        const int indall = rnd + kmn + 3;
+        kmn_ = static_cast<std::size_t>(kmn);
+        const std::size_t indall = static_cast<std::size_t>(rnd) + kmn_ + 3;
         for (int g = 1; g <= max; ++g) {
             CountWork& c = counts_[static_cast<std::size_t>(g - 1)];
-            c.draws = draw_starts(x, g, kmn, indall);
+            c.draws = draw_starts(x, g, kmn_, indall);
             c.said = std::vector<std::ostringstream>(c.draws.ready);
             for (std::ostringstream& s : c.said) s.copyfmt(std::cout);
             c.fits.resize(c.draws.ready);
@@ -174,24 +182,26 @@ private:
     void run_start(int g, std::size_t ind)
     {
         CountWork& c = counts_[static_cast<std::size_t>(g - 1)];
-        const std::size_t kmn = c.draws.orders.size();
         std::vector<double> own;
         const double* grp = nullptr;
-        if (g == 1) {
-            own.swap(c.draws.partitions[0]);
-        } else if (ind < 3) {
+        if (g >= 2 && ind < 3) {
             grp = labels_[ind][static_cast<std::size_t>(max_ - g)].data();
-        } else if (ind < kmn + 3) {
-            own = kmeans_from(data_.row(0), data_.n(), data_.p(), c.draws.orders[ind - 3], g);
-            std::vector<int>().swap(c.draws.orders[ind - 3]);
         } else {
-            own.swap(c.draws.partitions[ind - kmn - 3]);
+            DrawStream draws = c.draws.of(ind);  // this start's draws, made again
+            if (g >= 2 && ind < kmn_ + 3) {
+                std::vector<int> order(c.draws.n);
+                srswor(order.data(), static_cast<int>(order.size()), draws);
+                own = kmeans_from(data_.row(0), data_.n(), data_.p(), order, g);
+            } else {
+                own = randomstart(c.draws.n, g, draws);
+            }
         }
         if (grp == nullptr) grp = own.data();
         c.fits[ind] = StartFit<Record>::run(data_, grp, g, c.said[ind]);
     }
 
     int max_;
+    std::size_t kmn_ = 0;
     FitData data_;
     std::unique_ptr<LinkageRules> rules_;
     std::vector<std::vector<std::vector<double>>> labels_;  // [rule][max - g]
@@ -236,6 +246,34 @@ void check_settings(int max, int kmn, int rnd, char method)
 }
 
 }  // namespace
+
+double start_bytes(std::size_t p, int max, int kmn, int rnd, char method)
+{
+    const double kAllocation = 32.0;  // what the heap adds to every block
+    const double each = static_cast<double>(TaskBoard::bytes_per_task() + sizeof(std::ostringstream) +
+                                            sizeof(MixtureFit) + sizeof(std::size_t)) +
+                        kAllocation;
+    const double d = static_cast<double>(p);
+    double total = 0.0;
+    for (int g = 1; g <= max; ++g) {
+        const double K = g, covariances = method == 'E' ? 1.0 : K;
+        const double fit = 8.0 * (K * d + covariances * d * d + K) +
+                           (3.0 + covariances) * kAllocation + covariances * sizeof(std::vector<double>);
+        const double starts = g == 1 ? 1.0 : static_cast<double>(kmn) + static_cast<double>(rnd) + 3.0;
+        total += starts * (each + fit);
+    }
+    return total;
+}
+
+void check_start_memory(std::size_t p, int max, int kmn, int rnd, char method, std::size_t limit)
+{
+    const double need = start_bytes(p, max, kmn, rnd, method);
+    if (need <= static_cast<double>(limit)) return;
+    throw RunError("the " + std::to_string(kmn) + " K-means and " + std::to_string(rnd) + " random starts for " +
+                   std::to_string(max) + " components need " + format("%.1f GB", need / 1e9) +
+                   " of memory; only " + format("%.1f GB", static_cast<double>(limit) / 1e9) +
+                   " can be used here (ask for fewer starts)");
+}
 
 void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, int max, int kmn, int rnd,
           char method)

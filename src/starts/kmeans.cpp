@@ -74,12 +74,17 @@ void update_centres(const Data& x, const std::vector<double>& grp, std::size_t K
 
 }  // namespace
 
-std::vector<int> kmeans_draw(const Matrix& x, int K)
+void kmeans_check(int n, int K)
 {
-    const int n = x.Nrows();
     if (K < 1 || K >= n)
         throw RunError("K-means needs between 1 and n - 1 groups; asked for " + std::to_string(K) +
                        " groups of " + std::to_string(n) + " observations");
+}
+
+std::vector<int> kmeans_draw(const Matrix& x, int K)
+{
+    const int n = x.Nrows();
+    kmeans_check(n, K);
     std::vector<int> order(n);
     srswor(order.data(), n);
     return order;

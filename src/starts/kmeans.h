@@ -17,6 +17,8 @@ ColumnVector kmeans(const Matrix& x, int K);
 // p data held row by row (a matrix's Store()) without the matrix library and
 // returns the labels 1..K. kmeans(x, K) is kmeans_from after kmeans_draw.
 std::vector<int> kmeans_draw(const Matrix& x, int K);
+// The refusal of kmeans_draw alone: RunError unless 1 <= K < n.
+void kmeans_check(int n, int K);
 std::vector<double> kmeans_from(const Real* x, std::size_t n, int p, const std::vector<int>& order, int K);
 
 }  // namespace mixrank

@@ -48,24 +48,86 @@ private:
     int top_;
 };
 
-}  // namespace
-
-void srswor(int* vector, int length)
+template <class Draw>
+void fill_permutation(int* vector, int length, Draw&& draw)
 {
     for (int i = 0; i < length; ++i) vector[i] = 0;  // 0 marks a free slot
     FreeSlots slots(length);
     for (int number_left = length; number_left >= 1; --number_left) {
-        const int i = draw_rank(drand48(), number_left);
+        const int i = draw_rank(draw(), number_left);
         vector[slots.take(i)] = number_left;
     }
+}
+
+template <class Draw>
+void fill_labels(double* grp, std::size_t n, int K, Draw&& draw)
+{
+    for (std::size_t k = 0; k < n; ++k) grp[k] = std::ceil(K * draw());
+}
+
+// The drand48 recurrence: x -> (a x + c) mod 2^48.
+constexpr std::uint64_t kMultiplier = 0x5DEECE66DULL, kAddend = 0xBULL;
+
+}  // namespace
+
+void srswor(int* vector, int length)
+{
+    fill_permutation(vector, length, [] { return drand48(); });
 }
 
 ColumnVector randomstart(const Matrix& x, int K)
 {
     const int n = x.Nrows();
     ColumnVector grp(n);
-    for (int k = 1; k <= n; ++k) grp(k) = std::ceil(K * drand48());
+    fill_labels(grp.Store(), static_cast<std::size_t>(n), K, [] { return drand48(); });
     return grp;
+}
+
+void srswor(int* vector, int length, DrawStream& draws)
+{
+    fill_permutation(vector, length, [&draws] { return draws.next(); });
+}
+
+std::vector<double> randomstart(std::size_t n, int K, DrawStream& draws)
+{
+    std::vector<double> grp(n);
+    fill_labels(grp.data(), n, K, [&draws] { return draws.next(); });
+    return grp;
+}
+
+DrawStream DrawStream::process()
+{
+    // seed48 gives the state it replaces; it is put back at once.
+    unsigned short probe[3] = {0, 0, 0};
+    const unsigned short* old = seed48(probe);
+    unsigned short now[3] = {old[0], old[1], old[2]};
+    seed48(now);
+    return DrawStream(std::uint64_t{now[0]} | std::uint64_t{now[1]} << 16 | std::uint64_t{now[2]} << 32);
+}
+
+void DrawStream::make_process() const
+{
+    unsigned short now[3] = {static_cast<unsigned short>(x_), static_cast<unsigned short>(x_ >> 16),
+                             static_cast<unsigned short>(x_ >> 32)};
+    seed48(now);
+}
+
+double DrawStream::next()
+{
+    x_ = (kMultiplier * x_ + kAddend) & kMask;
+    return static_cast<double>(x_) * 0x1p-48;  // exact: 48 bits fit a double
+}
+
+void DrawStream::skip(std::uint64_t draws)
+{
+    // x -> A x + C for 2^k steps at a time, squared up bit by bit (mod 2^64,
+    // then cut to 48 bits: the low bits do not depend on the high ones).
+    std::uint64_t a = kMultiplier, c = kAddend;
+    for (; draws != 0; draws >>= 1) {
+        if (draws & 1) x_ = (a * x_ + c) & kMask;
+        c = (a * c + c) & kMask;
+        a = (a * a) & kMask;
+    }
 }
 
 int mindist(const ColumnVector& d) { return mindist(d.Store(), d.Nrows()); }
