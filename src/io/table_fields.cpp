@@ -208,7 +208,9 @@ std::string field_text(const Field& field)
 
 std::string field_shown(const Field& field)
 {
-    const std::string text = field_text(field);
+    std::string text = field_text(field);
+    for (char& c : text)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';  // nothing that drives a terminal
     return text.size() <= 40 ? text : text.substr(0, 40) + "...";
 }
 

@@ -49,7 +49,8 @@ std::size_t count_separators(const Line& line, char separator);
 // The text of a field with "" turned back into one quote.
 std::string field_text(const Field& field);
 
-// The field as written, cut after 40 characters, for messages.
+// The field as written, cut after 40 characters and control characters
+// shown as '?', for messages.
 std::string field_shown(const Field& field);
 
 enum class Token { number, missing, infinite, decimal_comma, text };

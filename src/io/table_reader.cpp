@@ -83,14 +83,18 @@ bool looks_like_header(const std::vector<Field>& first, const std::vector<Field>
 
 std::string default_name(std::size_t column) { return "V" + std::to_string(column + 1); }
 
-// Names for every column of the file from the header fields, which may be one short.
-std::vector<std::string> header_names(const std::vector<Field>& header, std::size_t columns)
+// Names for every column of the file from the header fields, which may be
+// one short; unnamed tells the columns without a name of their own.
+std::vector<std::string> header_names(const std::vector<Field>& header, std::size_t columns,
+                                      std::vector<bool>& unnamed)
 {
     std::vector<std::string> names(columns);
+    unnamed.assign(columns, false);
     const std::size_t shift = columns - header.size();
     for (std::size_t j = 0; j < columns; ++j) {
         names[j] = j < shift ? std::string() : table::field_text(header[j - shift]);
-        if (names[j].empty()) names[j] = default_name(j);
+        unnamed[j] = names[j].empty();
+        if (unnamed[j]) names[j] = default_name(j);
     }
     return names;
 }
@@ -198,6 +202,7 @@ struct Plan {
     Width width;
     std::vector<std::size_t> columns;  // the file column of each selected one
     std::vector<std::string> names;    // of every file column
+    std::vector<bool> unnamed;         // columns with an empty header field
     bool hint = false;                 // the columns were not chosen
 };
 
@@ -215,6 +220,25 @@ void read_rows(table::LineCursor& lines, const Plan& plan, Table& out)
             out.values.push_back(value);
         }
         ++out.rows;
+    }
+}
+
+// Refuses, among columns taken by default, one the header leaves unnamed
+// that counts the rows from 0 or 1: the row names or index of R's write.csv
+// or of a data frame library, not a measurement.
+void check_not_row_numbers(const Table& t, const Plan& plan)
+{
+    if (!plan.hint || plan.unnamed.empty()) return;
+    const std::size_t k = t.names.size();
+    for (std::size_t c = 0; c < k; ++c) {
+        const double base = t.values[c];
+        if (!plan.unnamed[plan.columns[c]] || (base != 0 && base != 1)) continue;
+        bool counts = true;
+        for (std::size_t i = 1; i < t.rows && counts; ++i) counts = t.values[i * k + c] == base + static_cast<double>(i);
+        if (counts)
+            throw TableError("column '" + t.names[c] + "' has no name in the header and counts the rows (" +
+                             csv_number(base) + ", " + csv_number(base + 1) +
+                             ", ...): row names, not data; choose the data columns with --columns");
     }
 }
 
@@ -266,7 +290,7 @@ Plan make_plan(const std::vector<Line>& lines, const TableOptions& options, Tabl
     else
         plan.width = {first.size(), (out.header ? "as in the header on line " : "as on line ") +
                                         std::to_string(lines[0].number)};
-    plan.names = out.header ? header_names(first, plan.width.fields) : default_names(plan.width.fields);
+    plan.names = out.header ? header_names(first, plan.width.fields, plan.unnamed) : default_names(plan.width.fields);
     plan.columns = selected_columns(plan.names, options.columns);
     plan.hint = options.columns.empty();
     for (const std::size_t j : plan.columns) out.names.push_back(plan.names[j]);
@@ -294,6 +318,7 @@ Table read_table(const std::string& content, const TableOptions& options)
     if (out.rows < 2)
         throw TableError("the file holds " + std::to_string(out.rows) + " data row" + (out.rows == 1 ? "" : "s") +
                          "; at least 2 are needed");
+    check_not_row_numbers(out, plan);
     check_not_constant(out);
     return out;
 }

@@ -55,7 +55,9 @@ struct TableError : std::runtime_error {
 // Throws TableError, naming the line (1-based in the file) and the column,
 // for a missing value (an empty field, NA, NaN, N/A, null, ?, ...), a token
 // that is not a whole finite number in the C locale (a decimal comma is
-// named), a row with another number of fields, a constant selected column, an
+// named), a row with another number of fields, a constant selected column, a
+// column left unnamed by the header that counts the rows from 0 or 1 when the
+// columns were not chosen (row names written as numbers), an
 // unknown, ambiguous or repeated entry of columns, fewer than 2 rows, and a
 // file without data lines. Only the selected columns need to hold numbers.
 Table read_table(const std::string& content, const TableOptions& options);

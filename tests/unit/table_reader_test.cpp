@@ -111,6 +111,21 @@ TEST(TableReader, HeaderChoicesAndRowNamesWithoutAHeaderField)
     EXPECT_EQ(summary("u\tv\nr1\t1\t2\nr2\t3\t5\n", with_columns({"v", "1"})),
               "line 2, column 'V1': 'r1' is not a number");
     EXPECT_EQ(summary("u;v\nr1;1;2\nr2;3;5\n", with_columns({"3"})), "sep=; header=1 rows=2 | v | 2 5");
+    // Row names that are numbers (write.csv's "1", "2", ..., a data frame's index 0, 1, ...) are not data
+    // unless chosen; a named column that counts, or an unnamed one that does not, is data.
+    const std::string counted = "sep=, header=1 rows=3 | V1 x | 1 4.5 2 3 3 7";
+    EXPECT_EQ(summary("\"\",\"x\"\n\"1\",4.5\n\"2\",3\n\"3\",7\n"),
+              "column 'V1' has no name in the header and counts the rows (1, 2, ...): row names, not data; choose the "
+              "data columns with --columns");
+    EXPECT_EQ(summary(",x\n0,4.5\n1,3\n2,7\n"),
+              "column 'V1' has no name in the header and counts the rows (0, 1, ...): row names, not data; choose the "
+              "data columns with --columns");
+    EXPECT_EQ(summary("x\n1 4.5\n2 3\n3 7\n"),
+              "column 'V1' has no name in the header and counts the rows (1, 2, ...): row names, not data; choose the "
+              "data columns with --columns");
+    EXPECT_EQ(summary(",x\n1,4.5\n2,3\n3,7\n", with_columns({"1", "x"})), counted);
+    EXPECT_EQ(summary(",x\n1,4.5\n2,3\n4,7\n"), "sep=, header=1 rows=3 | V1 x | 1 4.5 2 3 4 7");
+    EXPECT_EQ(summary("i,x\n1,4.5\n2,3\n3,7\n"), "sep=, header=1 rows=3 | i x | 1 4.5 2 3 3 7");
 }
 
 TEST(TableReader, LineEndsCommentsByteOrderMarkAndQuotedNumbers)
@@ -185,6 +200,8 @@ TEST(TableReader, EveryRefusalNamesItsLineAndColumn)
         {"\xEF\xBB\xBF# only\r\n \t\r\n", "the file is empty: it holds no line other than blank lines and comments"},
         {head + "3,\"4\n", "line 3, field 2: a quote is not closed (a quoted field cannot hold a line break)"},
         {head + "\"3\"x,4\n", "line 3, field 1: text follows a closing quote"},
+        {head + "3,\"\x1b[2J\t\"\n", "line 3, column 'q': '?[2J?' is not a number; to leave out a column of labels, "
+                                      "choose the numeric columns with --columns"},
         {"a b\n1 \"2\"x\n", "line 2, field 2: text follows a closing quote"},
     };
     for (const auto& c : cases) EXPECT_EQ(summary(c.content), c.message) << c.content;
