@@ -6,40 +6,34 @@
 //   mixrank-plot FILE.risk [png|svg]
 //   mixrank-plot FILE.class [png|svg]
 //
-// The picture is first written to a temporary file in the same directory and
-// renamed only when gnuplot succeeded, so a failure never leaves a damaged or
-// half-written picture behind.
-#include <fcntl.h>
-#include <spawn.h>
+// Gnuplot draws in a private directory from a script the program writes
+// (no name or text of the user's reaches it); the picture, once checked
+// whole, replaces the earlier one at once, so a failure never leaves a
+// damaged or half-written picture behind.
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "io/atomic_file.h"
 #include "plot_class.h"
+#include "plot_run.h"
 #include "plot_text.h"
-
-extern char** environ;
 
 namespace {
 
 using plot::blank;
-using plot::open_input;
 using plot::number;
 using plot::parse_number;
 using plot::quoted;
+using plot::read_input;
 using plot::split;
 
 // The report's columns, in file order.
@@ -51,23 +45,6 @@ using Row = std::array<double, 10>;
 
 struct PlotError : std::runtime_error {
     using std::runtime_error::runtime_error;
-};
-
-// Removes a file on destruction unless released.
-class TempFile {
-public:
-    explicit TempFile(std::string path) : path_(std::move(path)) {}
-    ~TempFile()
-    {
-        if (!path_.empty()) ::unlink(path_.c_str());
-    }
-    TempFile(const TempFile&) = delete;
-    TempFile& operator=(const TempFile&) = delete;
-    const std::string& path() const { return path_; }
-    void release() { path_.clear(); }
-
-private:
-    std::string path_;
 };
 
 // The heading line ends with the terminal reset ESC "[m" (and perhaps a
@@ -84,7 +61,7 @@ std::string strip_heading(std::string line)
 // Reads the rows of a report file; row g belongs to the g-component model.
 std::vector<Row> read_risk(const std::string& path)
 {
-    std::ifstream in = open_input(path);
+    std::istringstream in(read_input(path));
     std::string line;
     if (!std::getline(in, line)) throw PlotError(path + " is empty, not a .risk file");
     const std::vector<std::string> names = split(strip_heading(line));
@@ -107,7 +84,6 @@ std::vector<Row> read_risk(const std::string& path)
                             " is not a row of 10 numbers");
         rows.push_back(row);
     }
-    if (in.bad()) throw PlotError("cannot read " + path);
     if (rows.empty()) throw PlotError(path + " is not a .risk file: it has no rows");
     return rows;
 }
@@ -124,13 +100,6 @@ std::string picture_name(const std::string& path, const std::string& format)
     for (const std::string suffix : {".risk", ".class"})
         if (ends_with(base, suffix)) base.erase(base.size() - suffix.size());
     return base + "." + format;
-}
-
-std::string directory_of(const std::string& path)
-{
-    const std::string::size_type slash = path.rfind('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 std::string base_name(const std::string& path)
@@ -235,63 +204,6 @@ bool executable_in_path(const std::string& program)
     return false;
 }
 
-std::string first_line(const std::string& path)
-{
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line))
-        if (!blank(line)) return line;
-    return "";
-}
-
-// Runs gnuplot on the script file with its messages caught in a file; a
-// failure is reported with gnuplot's first message.
-void run_gnuplot(const std::string& script, const std::string& messages)
-{
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, messages.c_str(), O_WRONLY | O_TRUNC, 0);
-    std::string program = "gnuplot";
-    std::vector<char*> argv = {&program[0], const_cast<char*>(script.c_str()), nullptr};
-    pid_t pid;
-    const int spawned = posix_spawnp(&pid, "gnuplot", &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) throw PlotError(std::string("cannot run gnuplot: ") + std::strerror(spawned));
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0)
-        if (errno != EINTR) throw PlotError("lost track of gnuplot");
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        const std::string why = first_line(messages);
-        throw PlotError("gnuplot failed" + (why.empty() ? std::string() : ": " + why));
-    }
-}
-
-// Makes an empty temporary file in dir and returns its name.
-std::string make_temp(const std::string& dir, const std::string& stem)
-{
-    std::string name = dir + "/." + stem + ".XXXXXX";
-    const int fd = ::mkstemp(&name[0]);
-    if (fd < 0) throw PlotError("cannot create a temporary file in " + dir + ": " + std::strerror(errno));
-    ::close(fd);
-    return name;
-}
-
-// mkstemp makes the file private; a picture gets the mode a new file would.
-void give_usual_mode(const std::string& path)
-{
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    ::chmod(path.c_str(), 0666 & ~mask);
-}
-
-std::string temp_dir()
-{
-    const char* t = std::getenv("TMPDIR");
-    return (t && *t) ? t : "/tmp";
-}
-
 // A ".class" file is drawn as classification, anything else as a report.
 void draw(const std::string& path, const std::string& format)
 {
@@ -304,26 +216,24 @@ void draw(const std::string& path, const std::string& format)
         rows = read_risk(path);
     if (!executable_in_path("gnuplot"))
         throw PlotError("gnuplot not found in PATH (install the gnuplot-nox package)");
-    const std::string output = picture_name(path, format);
+    const std::string output = picture_name(path, format), heading = plot::title_name(base_name(path));
+    const std::string script = classes ? plot::class_script(labels, heading, plot::picture_file(format), format)
+                                       : gnuplot_script(rows, heading, plot::picture_file(format), format);
 
-    TempFile picture(make_temp(directory_of(output), base_name(output)));
-    TempFile script(make_temp(temp_dir(), "mixrank-plot.gp"));
-    TempFile messages(make_temp(temp_dir(), "mixrank-plot.err"));
+    // Declared first, ended last: a signal held meanwhile comes once every
+    // temporary file is gone.
+    const plot::HeldSignals signals;
+    std::string picture;
     {
-        std::ofstream gp(script.path());
-        gp << (classes ? plot::class_script(labels, base_name(path), picture.path(), format)
-                       : gnuplot_script(rows, base_name(path), picture.path(), format));
-        if (!gp.flush()) throw PlotError("cannot write the gnuplot script " + script.path());
+        const plot::PrivateDir dir;
+        picture = plot::render(dir, script, format, signals);
     }
-    run_gnuplot(script.path(), messages.path());
-    struct stat st;
-    if (::stat(picture.path().c_str(), &st) != 0 || st.st_size == 0)
-        throw PlotError("gnuplot wrote no picture");
-    give_usual_mode(picture.path());
-    if (std::rename(picture.path().c_str(), output.c_str()) != 0)
-        throw PlotError("cannot write " + output + ": " + std::strerror(errno));
-    picture.release();
-    std::cout << output << "\n";
+    signals.stop_if_interrupted();
+    mixrank::AtomicFile file("picture", output);
+    file.stream() << picture;
+    signals.stop_if_interrupted();
+    file.commit();
+    std::cout << plot::one_line(output) << "\n";
 }
 
 }  // namespace
@@ -341,14 +251,14 @@ int main(int argc, char** argv)
     }
     const std::string format = argc == 3 ? argv[2] : "png";
     if (format != "png" && format != "svg") {
-        std::cerr << "mixrank-plot: unknown picture format '" << format << "' (png or svg); " << usage
+        std::cerr << "mixrank-plot: unknown picture format '" << plot::one_line(format) << "' (png or svg); " << usage
                   << std::endl;
         return 2;
     }
     try {
         draw(argv[1], format);
     } catch (const std::exception& e) {
-        std::cerr << "mixrank-plot: " << e.what() << std::endl;
+        std::cerr << "mixrank-plot: " << plot::one_line(e.what()) << std::endl;
         return 1;
     }
     return 0;

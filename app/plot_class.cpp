@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -63,7 +62,7 @@ int named_components(const std::string& path)
 
 std::vector<Values> read_rows(const std::string& path)
 {
-    std::ifstream in = open_input(path);
+    std::istringstream in(read_input(path));
     std::vector<Values> rows;
     std::string line;
     bool ended = false;  // a blank line was seen; only blank lines may follow
@@ -83,7 +82,6 @@ std::vector<Values> read_rows(const std::string& path)
                                             " numbers of line 1"));
         rows.push_back(row);
     }
-    if (in.bad()) throw error("cannot read " + path);
     if (rows.empty()) throw error(path + " is empty, not a .class file");
     return rows;
 }

@@ -19,7 +19,8 @@ struct ClassFile {
 // when it is not one.
 ClassFile read_class(const std::string& path);
 
-// The gnuplot program that draws the file into output.
+// The gnuplot program that draws the file into output, titled by heading
+// (text the program made, or a name reduced by title_name).
 std::string class_script(const ClassFile& c, const std::string& heading, const std::string& output,
                          const std::string& format);
 

@@ -4,8 +4,12 @@
 include(GNUInstallDirs)
 
 # mixrank-plot only reads a report or classification file and drives gnuplot:
-# no matrix library.
-add_executable(mixrank_plot ${CMAKE_SOURCE_DIR}/app/mixrank_plot.cpp ${CMAKE_SOURCE_DIR}/app/plot_class.cpp)
+# no matrix library, only the file helpers that need none.
+add_library(mixrank_plain_io STATIC ${CMAKE_SOURCE_DIR}/src/io/atomic_file.cpp ${CMAKE_SOURCE_DIR}/src/io/whole_file.cpp)
+target_include_directories(mixrank_plain_io PUBLIC ${CMAKE_SOURCE_DIR}/src)
+add_executable(mixrank_plot ${CMAKE_SOURCE_DIR}/app/mixrank_plot.cpp ${CMAKE_SOURCE_DIR}/app/plot_class.cpp
+               ${CMAKE_SOURCE_DIR}/app/plot_run.cpp)
+target_link_libraries(mixrank_plot PRIVATE mixrank_plain_io)
 set_target_properties(mixrank_plot PROPERTIES OUTPUT_NAME mixrank-plot)
 
 install(TARGETS mixrank mixrank_classify mixrank_plot RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

@@ -114,6 +114,8 @@ class RandomStream {
 public:
     explicit RandomStream(unsigned seed);
     double next();
+    // Moves on by `count` numbers without making them (in about 48 steps).
+    void discard(unsigned long long count);
     // The 48-bit state, for a stream that must repeat these numbers later.
     std::array<unsigned short, 3> state() const { return x_; }
     static RandomStream from_state(const std::array<unsigned short, 3>& state);

@@ -10,6 +10,9 @@
 
 #include "common/format.h"
 #include "classify/log_weights.h"
+#include "common/library_errors.h"
+#include "data/preparation.h"
+#include "risk/model_shape.h"
 #include "common/settings.h"
 #include "io/param_file.h"
 #include "mixture/cholesky.h"
@@ -204,6 +207,27 @@ void print_undefined_weights(std::ostream& err, const ClassifiedRows& c)
                 << c.not_a_number[k] << " of " << c.label.Nrows()
                 << " observations (its covariance cannot be factorised); "
                    "it counts as 0 there\n";
+}
+
+}  // namespace mixrank
+
+namespace mixrank {
+
+Classification classify(const Data& data, const Mixture& mixture)
+{
+    return as_library_errors([&] {
+        if (mixture.dimension != data.d)
+            throw Error(Error::Kind::invalid_argument, "the mixture's dimension does not match the data's");
+        check_model_shape(data_matrix(data), mixture);
+        const ClassifiedRows rows = classify_observations(data_matrix(data), mixture);
+        Classification c;
+        c.n = data.n;
+        c.components = mixture.components;
+        c.posteriors.assign(rows.tau.Store(), rows.tau.Store() + data.n * static_cast<std::size_t>(mixture.components));
+        c.uncertainty.assign(rows.uncertainty.Store(), rows.uncertainty.Store() + data.n);
+        for (std::size_t i = 0; i < data.n; ++i) c.labels.push_back(static_cast<int>(rows.label.Store()[i]));
+        return c;
+    });
 }
 
 }  // namespace mixrank

@@ -7,11 +7,12 @@
 #include <cmath>
 #include <cstring>
 #include <cstdlib>
-#include <fstream>
+#include <sstream>
 #include <iostream>
 
 #include "classify/classify.h"
 #include "common/matrix.h"
+#include "common/out_of_memory.h"
 #include "common/settings.h"
 #include "data/preparation.h"
 #include "io/atomic_file.h"
@@ -152,16 +153,18 @@ int classify_run(int argc, char** argv)
         classify_usage(std::cout);
         return 1;
     }
-    const Matrix original = read_checked_data(o);
+    const Matrix original = while_doing("reading the data", [&] { return read_checked_data(o); });
     ColumnVector sd(original.Ncols());
     for (int j = 1; j <= original.Ncols(); ++j) sd(j) = std::sqrt(variance(original.Column(j)));
     Matrix scaled = original;
     scale_columns(scaled);
 
-    std::ifstream param(o.paramfile);
-    struct stat st;
-    if (!param || (::stat(o.paramfile.c_str(), &st) == 0 && S_ISDIR(st.st_mode)))
-        throw RunError("cannot open the parameter file '" + o.paramfile + "'");
+    // Read whole as the data is: a FIFO without a writer gives nothing at once.
+    const WholeFile stored = read_whole_file(o.paramfile);
+    if (stored.outcome != WholeFile::read)
+        throw RunError("cannot open the parameter file '" + o.paramfile + "'" +
+                       (stored.outcome == WholeFile::read_failed ? std::string(": ") + std::strerror(stored.error) : ""));
+    std::istringstream param(stored.bytes);
     const std::string outfile = class_file_name(o.datafile, o.Methodname, o.components);
     for (const std::string* input : {&o.datafile, &o.paramfile})
         if (same_file(outfile, *input))

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <exception>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -38,7 +39,13 @@ void parallel_for(std::size_t count, const std::function<void(std::size_t)>& bod
     const std::size_t helpers = std::min<std::size_t>(thread_count(), count) - 1;
     std::vector<std::thread> threads;
     threads.reserve(helpers);
-    for (std::size_t t = 0; t < helpers; ++t) threads.emplace_back(work);
+    // A thread that cannot be started (no memory for its stack, a process
+    // limit) leaves its pieces to the threads that did start: the results
+    // are the same for any number of threads.
+    try {
+        for (std::size_t t = 0; t < helpers; ++t) threads.emplace_back(work);
+    } catch (const std::system_error&) {
+    }
     work();
     for (std::thread& t : threads) t.join();
     for (const std::exception_ptr& failure : failures)

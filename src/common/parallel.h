@@ -16,7 +16,8 @@ namespace mixrank {
 unsigned thread_count();
 
 // Runs body(i) once for every i in [0, count), spread over up to
-// thread_count() threads (fewer when there are fewer pieces), and returns
+// thread_count() threads (fewer when there are fewer pieces, or when a
+// thread cannot be started: the calling thread is always one), and returns
 // when all have run. When pieces throw, every piece still runs and the
 // exception of the lowest index is rethrown, so what escapes is the same
 // for any number of threads.

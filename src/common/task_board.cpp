@@ -1,11 +1,16 @@
 #include "common/task_board.h"
 
 #include <algorithm>
+#include <string>
+#include <system_error>
 #include <utility>
 
 #include "common/parallel.h"
+#include "common/settings.h"
 
 namespace mixrank {
+
+std::size_t TaskBoard::bytes_per_task() { return sizeof(Task); }
 
 std::size_t TaskBoard::add(std::function<void()> run, std::size_t after)
 {
@@ -16,7 +21,12 @@ std::size_t TaskBoard::add(std::function<void()> run, std::size_t after)
 void TaskBoard::start()
 {
     const std::size_t count = std::min<std::size_t>(thread_count(), tasks_.size());
-    for (std::size_t t = 0; t < count; ++t) workers_.emplace_back([this] { work(); });
+    try {
+        for (std::size_t t = 0; t < count; ++t) workers_.emplace_back([this] { work(); });
+    } catch (const std::system_error& e) {
+        // Fewer workers do the same work; with none, nothing would run it.
+        if (workers_.empty() && !tasks_.empty()) throw RunError(std::string("cannot start a thread: ") + e.what());
+    }
 }
 
 std::size_t TaskBoard::ready_task() const

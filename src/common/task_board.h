@@ -23,12 +23,17 @@ public:
     TaskBoard& operator=(const TaskBoard&) = delete;
     ~TaskBoard() { stop(); }
 
+    // Memory the board holds for one task, besides what its function holds.
+    static std::size_t bytes_per_task();
+
     // Adds a task before start(); `after` is the index of an earlier task it
     // needs, or kNone. A task whose needed task failed does not run and
     // fails the same way. Returns the task's index.
     std::size_t add(std::function<void()> run, std::size_t after = kNone);
 
-    // Starts up to thread_count() workers (no more than there are tasks).
+    // Starts up to thread_count() workers (no more than there are tasks);
+    // fewer when a thread cannot be started. RunError ("cannot start a
+    // thread: ...") when not one can.
     void start();
 
     // Waits until task i is done and returns how it failed (null if not).

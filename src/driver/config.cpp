@@ -151,7 +151,6 @@ RunConfig configure(int argc, char** argv, std::istream& in, std::ostream& out)
 
     if (config.nocommandline == 1) ask(in, out, "GIVE seed:", "the seed", config.seed);
     if (config.seed == 0) seed_from_clock(config, out);
-    srand48(config.seed);
 
     if (config.nocommandline == 1) ask_data_settings(config, in, out);
     out.flush();

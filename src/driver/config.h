@@ -1,5 +1,5 @@
 // Run configuration: defaults, help check, option scan, the first part of the
-// interactive dialogue, and seeding of the drand48 stream.
+// interactive dialogue, and the seed of the random starts.
 #pragma once
 
 #include <iosfwd>

@@ -12,6 +12,8 @@
 #include <string>
 
 #include "common/matrix.h"
+#include "common/out_of_memory.h"
+#include "common/parallel.h"
 #include "common/settings.h"
 #include "driver/config.h"
 #include "driver/dialogue.h"
@@ -21,6 +23,7 @@
 #include "io/data_reader.h"
 #include "io/emmix.h"
 #include "io/whole_file.h"
+#include "risk/blas_workspace.h"
 #include "risk/kernel.h"
 #include "risk/report.h"
 #include "risk/risk_loop.h"
@@ -109,7 +112,11 @@ std::string estimate(RunConfig& config, const Matrix& x, const std::string& data
     std::ofstream std_copy(datafile_std, std::ios::out | std::ios::trunc);
     write_scaled_copy(std_copy, x, datafile_std);
     if (config.nocommandline == 1) ask_starts(config, std::cin, std::cout);
-    if (which == 'N') check_kmeans_groups(config);
+    if (which == 'N') {
+        check_kmeans_groups(config);
+        check_start_memory(static_cast<std::size_t>(config.dim), config.max, config.nokmn, config.nornd, config.method,
+                           linkage_memory_limit());
+    }
     if (which == 'E') {
         std::cout << "STARTED  EMMIX   (parameters stored in)   " << config.paramfile << std::endl;
         try {
@@ -125,7 +132,8 @@ std::string estimate(RunConfig& config, const Matrix& x, const std::string& data
         return stored_parameters(config.paramfile);
     }
     AtomicFile param("parameter file", config.paramfile, AtomicFile::Interrupted::keep_records);
-    emsr(x, config.paramfile, param.stream(), config.max, config.nokmn, config.nornd, config.method);
+    RandomStream random(config.seed);
+    emsr(x, config.paramfile, param.stream(), config.max, config.nokmn, config.nornd, config.method, random);
     param.commit();
     std::cout << kRule64 << "\n"
               << "FINISHED USING EMSR  (parameters stored in)   " << config.paramfile << "\n"
@@ -156,9 +164,13 @@ int run(int argc, char** argv)
     install_interrupt_handlers();
     check_sizes(config, config.nocommandline == 0);  // -n and -d given: before reading
 
+    // The products' work space first, so that a run short of memory ends
+    // here and not in the middle of the scoring.
+    reserve_blas_workspace(blas_buffers_needed(thread_count()));
+
     Matrix x;
-    read_and_scale(config, x);
-    const KernelSummary kernel = build_kernel(x, config.h);
+    while_doing("reading the data", [&] { read_and_scale(config, x); });
+    const KernelSummary kernel = while_doing("building the kernel matrices", [&] { return build_kernel(x, config.h); });
 
     if (config.nocommandline == 1) ask_max(config, std::cin, std::cout);
     std::cout << "\n";
@@ -168,12 +180,15 @@ int run(int argc, char** argv)
 
     const char which = static_cast<char>(std::toupper(static_cast<unsigned char>(config.EstMethod)));
     check_file_names(config, datafile_std, which);
-    std::istringstream param(which == 'E' || which == 'N' ? estimate(config, x, datafile_std, which)
-                                                          : stored_parameters(config.paramfile));
-    const RiskTable table =
-        risk_calculation(x, kernel, config.max, config.method == 'E' ? CovarianceModel::common : CovarianceModel::per_component,
-                         param, config.paramfile, std::cout);
-    report(table, kernel.kxx, config.max, config.datafile, config.Methodname, std::cout);
+    std::istringstream param(which == 'E' || which == 'N'
+                                 ? while_doing("fitting the models", [&] { return estimate(config, x, datafile_std, which); })
+                                 : while_doing("reading the parameter file", [&] { return stored_parameters(config.paramfile); }));
+    const RiskTable table = while_doing("scoring the models", [&] {
+        return risk_calculation(x, kernel, config.max,
+                                config.method == 'E' ? CovarianceModel::common : CovarianceModel::per_component, param, config.paramfile, std::cout);
+    });
+    while_doing("writing the report",
+                [&] { report(table, kernel.kxx, config.max, config.datafile, config.Methodname, std::cout); });
 
     const std::clock_t sam2 = std::clock();
     const std::time_t end = std::time(nullptr);

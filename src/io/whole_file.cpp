@@ -8,7 +8,7 @@
 
 namespace mixrank {
 
-WholeFile read_whole_file(const std::string& name)
+WholeFile read_whole_file(const std::string& name, std::size_t limit)
 {
     WholeFile f;
     // Without O_NONBLOCK, opening a FIFO would wait for a writer.
@@ -25,6 +25,8 @@ WholeFile read_whole_file(const std::string& name)
         f.outcome = WholeFile::directory;
     } else if (!S_ISREG(st.st_mode) && !S_ISFIFO(st.st_mode)) {
         f.outcome = WholeFile::special;
+    } else if (S_ISREG(st.st_mode) && static_cast<unsigned long long>(st.st_size) > limit) {
+        f.outcome = WholeFile::too_large;
     } else {
         f.outcome = WholeFile::read;
         ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
@@ -39,6 +41,11 @@ WholeFile read_whole_file(const std::string& name)
                 break;
             }
             if (n == 0) break;
+            if (static_cast<std::size_t>(n) > limit - f.bytes.size()) {
+                f.outcome = WholeFile::too_large;
+                f.bytes.clear();
+                break;
+            }
             f.bytes.append(chunk, static_cast<std::size_t>(n));
         }
     }

@@ -4,6 +4,8 @@
 #include <exception>
 #include <limits>
 
+#include "common/library_errors.h"
+#include "data/preparation.h"
 #include "mixture/density.h"
 #include "risk/distance.h"
 #include "risk/model_shape.h"
@@ -122,6 +124,30 @@ std::vector<ModelScore> score_models(const Matrix& x, const KernelSummary& kerne
     }
     if (failure) std::rethrow_exception(failure);
     return rows;
+}
+
+}  // namespace mixrank
+
+namespace mixrank {
+
+Scores score_mixtures(const Data& data, const Kernel& kernel, const std::vector<Mixture>& mixtures,
+                      const std::function<void(std::size_t, const ModelScore&)>& scored)
+{
+    return as_library_errors([&] {
+        for (const Mixture& m : mixtures)
+            if (m.dimension != data.d)
+                throw Error(Error::Kind::invalid_argument, "a mixture's dimension does not match the data's");
+        if (kernel.summary().n != data.n)
+            throw Error(Error::Kind::invalid_argument, "the kernel was made for other data");
+        Scores s;
+        s.h = kernel.h();
+        s.sdof = kernel.sdof();
+        s.sdof_unbiased = kernel.sdof_unbiased();
+        s.models = while_doing("scoring the models", [&] {
+            return score_models(data_matrix(data), kernel.summary().kernel, mixtures, scored);
+        });
+        return s;
+    });
 }
 
 }  // namespace mixrank

@@ -1,6 +1,7 @@
 #include "starts/emsr.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <exception>
 #include <iostream>
 #include <memory>
@@ -9,7 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "common/format.h"
+#include "common/library_errors.h"
 #include "common/task_board.h"
+#include "data/preparation.h"
 #include "common/settings.h"
 #include "io/param_file.h"
 #include "mixture/em.h"
@@ -48,40 +52,43 @@ StartFit fit_start(CovarianceModel model, const FitData& x, const double* grp, i
 
 // Everything random about the starts of one g, drawn from the one stream in
 // table order before any start runs: for g = 1 its random partition, for
-// g >= 2 the K-means permutations, then the random partitions. A draw that
-// fails (an impossible K) ends the table there, and no later g is drawn: the
-// starts before it run and its failure follows their messages, as when
-// every start ran right after its draw.
+// g >= 2 the K-means permutations, then the random partitions, n draws
+// each. The stream is moved on past them here; what a start keeps is the
+// place its draws begin, from which it makes them again when it runs. A
+// draw that fails (an impossible K) ends the table there, and no later g is
+// drawn: the starts before it run and its failure follows their messages,
+// as when every start ran right after its draw.
 struct StartDraws {
-    std::vector<std::vector<int>> orders;         // K-means starts 3..kmn+2
-    std::vector<std::vector<double>> partitions;  // random starts from kmn+3 on (g = 1: the only one)
-    std::size_t ready = 0;                        // starts whose draws are made
-    std::exception_ptr failure;                   // of the draw of start `ready`
+    RandomStream first{0};        // where the draws of start 0 (g = 1) or 3 (g >= 2) begin
+    std::size_t n = 0;            // draws per start
+    std::size_t ready = 0;        // starts whose draws are made
+    std::exception_ptr failure;   // of the draw of start `ready`
+
+    // The draws of start ind (g = 1: 0; else from 3 on) begin here.
+    RandomStream of(std::size_t ind) const
+    {
+        RandomStream at = first;
+        if (ind > 3) at.discard(static_cast<unsigned long long>(n) * (ind - 3));
+        return at;
+    }
 };
 
-std::vector<double> labels_of(const ColumnVector& partition)
-{
-    return std::vector<double>(partition.Store(), partition.Store() + partition.Nrows());
-}
-
-StartDraws draw_starts(const Matrix& x, int g, int kmn, int indall)
+StartDraws draw_starts(const Matrix& x, int g, std::size_t kmn, std::size_t indall, RandomStream& stream)
 {
     StartDraws draws;
-    try {
-        if (g == 1) {
-            draws.partitions.push_back(labels_of(randomstart(x, 1)));
-            draws.ready = 1;
+    draws.first = stream;
+    draws.n = static_cast<std::size_t>(x.Nrows());
+    draws.ready = g == 1 ? 1 : 3;
+    if (g >= 2 && kmn > 0) {
+        try {
+            kmeans_check(x.Nrows(), g);
+        } catch (...) {
+            draws.failure = std::current_exception();
             return draws;
         }
-        for (draws.ready = 3; draws.ready < static_cast<std::size_t>(indall); ++draws.ready) {
-            if (draws.ready < static_cast<std::size_t>(kmn) + 3)
-                draws.orders.push_back(kmeans_draw(x, g));
-            else
-                draws.partitions.push_back(labels_of(randomstart(x, g)));
-        }
-    } catch (...) {
-        draws.failure = std::current_exception();
     }
+    if (g >= 2) draws.ready = indall;
+    stream.discard(static_cast<unsigned long long>(draws.n) * (draws.ready - (g == 1 ? 0 : 3)));
     return draws;
 }
 
@@ -100,7 +107,8 @@ struct CountWork {
 // starts are done, so it does not depend on the threads.
 class CountFits {
 public:
-    CountFits(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd) : model_(model), max_(max), data_(x)
+    CountFits(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd, RandomStream& random)
+        : model_(model), max_(max), data_(x)
     {
         if (max >= 2) {
             rules_.reset(new LinkageRules(x));
@@ -111,10 +119,11 @@ public:
                                                 t > 0 && !side_by_side ? rule_task_[t - 1] : TaskBoard::kNone));
         }
         counts_.resize(static_cast<std::size_t>(max > 0 ? max : 0));
-        const int indall = rnd + kmn + 3;
+        kmn_ = static_cast<std::size_t>(kmn);
+        const std::size_t indall = static_cast<std::size_t>(rnd) + kmn_ + 3;
         for (int g = 1; g <= max; ++g) {
             CountWork& c = counts_[static_cast<std::size_t>(g - 1)];
-            c.draws = draw_starts(x, g, kmn, indall);
+            c.draws = draw_starts(x, g, kmn_, indall, random);
             c.fits.resize(c.draws.ready);
             for (std::size_t ind = 0; ind < c.draws.ready; ++ind) c.task.push_back(add_start(g, ind));
             if (c.draws.failure) break;
@@ -162,18 +171,19 @@ private:
     void run_start(int g, std::size_t ind)
     {
         CountWork& c = counts_[static_cast<std::size_t>(g - 1)];
-        const std::size_t kmn = c.draws.orders.size();
         std::vector<double> own;
         const double* grp = nullptr;
-        if (g == 1) {
-            own.swap(c.draws.partitions[0]);
-        } else if (ind < 3) {
+        if (g >= 2 && ind < 3) {
             grp = labels_[ind][static_cast<std::size_t>(max_ - g)].data();
-        } else if (ind < kmn + 3) {
-            own = kmeans_from(data_.row(0), data_.n(), data_.p(), c.draws.orders[ind - 3], g);
-            std::vector<int>().swap(c.draws.orders[ind - 3]);
         } else {
-            own.swap(c.draws.partitions[ind - kmn - 3]);
+            RandomStream draws = c.draws.of(ind);  // this start's draws, made again
+            if (g >= 2 && ind < kmn_ + 3) {
+                std::vector<int> order(c.draws.n);
+                srswor(order.data(), static_cast<int>(order.size()), draws);
+                own = kmeans_from(data_.row(0), data_.n(), data_.p(), order, g);
+            } else {
+                own = randomstart(c.draws.n, g, draws);
+            }
         }
         if (grp == nullptr) grp = own.data();
         c.fits[ind] = fit_start(model_, data_, grp, g);
@@ -181,6 +191,7 @@ private:
 
     CovarianceModel model_;
     int max_;
+    std::size_t kmn_ = 0;
     FitData data_;
     std::unique_ptr<LinkageRules> rules_;
     std::vector<std::vector<std::vector<double>>> labels_;  // [rule][max - g]
@@ -216,10 +227,10 @@ void check_settings(int max, int kmn, int rnd, CovarianceModel model)
 }  // namespace
 
 std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd,
-                                const Progress& progress)
+                                RandomStream& random, const Progress& progress)
 {
     check_settings(max, kmn, rnd, model);
-    CountFits fits(x, model, max, kmn, rnd);
+    CountFits fits(x, model, max, kmn, rnd, random);
     fits.rules_done();
     std::vector<Mixture> best;
     for (int g = 1; g <= max; ++g) {
@@ -230,8 +241,35 @@ std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max,
     return best;
 }
 
+double start_bytes(std::size_t p, int max, int kmn, int rnd, char method)
+{
+    const double kAllocation = 32.0;  // what the heap adds to every block
+    const double each = static_cast<double>(TaskBoard::bytes_per_task() + sizeof(StartFit) + sizeof(std::size_t)) +
+                        kAllocation;
+    const double d = static_cast<double>(p);
+    double total = 0.0;
+    for (int g = 1; g <= max; ++g) {
+        const double K = g, covariances = method == 'E' ? 1.0 : K;
+        const double fit = 8.0 * (K * d + covariances * d * d + K) +
+                           (3.0 + covariances) * kAllocation + covariances * sizeof(std::vector<double>);
+        const double starts = g == 1 ? 1.0 : static_cast<double>(kmn) + static_cast<double>(rnd) + 3.0;
+        total += starts * (each + fit);
+    }
+    return total;
+}
+
+void check_start_memory(std::size_t p, int max, int kmn, int rnd, char method, std::size_t limit)
+{
+    const double need = start_bytes(p, max, kmn, rnd, method);
+    if (need <= static_cast<double>(limit)) return;
+    throw RunError("the " + std::to_string(kmn) + " K-means and " + std::to_string(rnd) + " random starts for " +
+                   std::to_string(max) + " components need " + format("%.1f GB", need / 1e9) +
+                   " of memory; only " + format("%.1f GB", static_cast<double>(limit) / 1e9) +
+                   " can be used here (ask for fewer starts)");
+}
+
 void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, int max, int kmn, int rnd,
-          char method)
+          char method, RandomStream& random)
 {
     const CovarianceModel model = method == 'E' ? CovarianceModel::common : CovarianceModel::per_component;
     check_settings(max, kmn, rnd, model);
@@ -254,10 +292,38 @@ void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, in
         if (!append_record(param, best)) throw RecordNotWritten{};
     };
     try {
-        fit_counts(x, model, max, kmn, rnd, progress);
+        fit_counts(x, model, max, kmn, rnd, random, progress);
     } catch (const RecordNotWritten&) {
         // the caller reports the failed write
     }
+}
+
+}  // namespace mixrank
+
+namespace mixrank {
+
+std::vector<Mixture> fit_mixtures(const Data& data, CovarianceModel model, int max_components,
+                                  const StartSettings& starts, RandomStream& random, const Progress& progress)
+{
+    return as_library_errors([&] {
+        if (max_components < 1)
+            throw Error(Error::Kind::invalid_argument, "at least one component must be fitted");
+        if (model == CovarianceModel::common ? false : max_components > kMaxUnequalComponents)
+            throw Error(Error::Kind::invalid_argument,
+                        "at most 20 components can be fitted with one covariance matrix per component");
+        if (max_components >= 2 && starts.kmeans_starts > 0 && static_cast<std::size_t>(max_components) >= data.n)
+            throw Error(Error::Kind::invalid_argument,
+                        "the K-means starts cannot split " + std::to_string(data.n) + " observations into " +
+                            std::to_string(max_components) + " groups");
+        check_linkage_memory(data.n, static_cast<std::size_t>(data.d), max_components);
+        check_start_memory(static_cast<std::size_t>(data.d), max_components, starts.kmeans_starts,
+                           starts.random_starts, model == CovarianceModel::common ? 'E' : 'U',
+                           linkage_memory_limit());
+        return while_doing("fitting the models", [&] {
+            return fit_counts(data_matrix(data), model, max_components, starts.kmeans_starts, starts.random_starts,
+                              random, progress);
+        });
+    });
 }
 
 }  // namespace mixrank

@@ -5,6 +5,7 @@
 // bad) ends the fitting early; the caller reports it.
 #pragma once
 
+#include <cstddef>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -16,12 +17,23 @@
 namespace mixrank {
 
 void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, int max, int kmn, int rnd,
-          char method);
+          char method, RandomStream& random);
 
 // The fitting behind it, printing nothing: the best fit of every g = 1..max,
 // reported through progress as it comes, in table order.
 std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd,
-                                const Progress& progress);
+                                RandomStream& random, const Progress& progress);
+
+// Memory the starts of g = 1..max hold until the last g is written: for
+// each start its place on the worker board, its messages and its fit (the
+// fits of the starts of every g are kept to the end), `kmn` + `rnd` + 3
+// starts for each g of 2 or more. Counted in double: any settings fit.
+double start_bytes(std::size_t p, int max, int kmn, int rnd, char method);
+
+// Refuses, with a RunError naming the memory needed, starts that need more
+// than `limit` bytes. The run driver calls it before the parameter file is
+// touched.
+void check_start_memory(std::size_t p, int max, int kmn, int rnd, char method, std::size_t limit);
 
 // Running choice of the best start in table order. The best log-likelihood
 // is held in single precision: a later start wins when its loglik is

@@ -14,7 +14,7 @@ namespace {
 // change (a cycle of label changes would otherwise never end).
 constexpr int kMaxPasses = 10000;
 
-struct Data {
+struct Rows {
     const Real* x;
     std::size_t n, p;
     const Real* row(std::size_t i) const { return x + i * p; }
@@ -22,7 +22,7 @@ struct Data {
 
 // Initial centres: the observations named by permutation entries 1..K
 // (entry 0 is skipped).
-void initial_centres(const Data& x, const std::vector<int>& order, std::size_t K, std::vector<double>& mu)
+void initial_centres(const Rows& x, const std::vector<int>& order, std::size_t K, std::vector<double>& mu)
 {
     mu.resize(K * x.p);
     for (std::size_t k = 0; k < K; ++k) {
@@ -32,7 +32,7 @@ void initial_centres(const Data& x, const std::vector<int>& order, std::size_t K
 }
 
 // Every observation to its nearest centre, all against the same centres.
-void assign(const Data& x, const std::vector<double>& mu, std::vector<double>& distance, std::vector<double>& grp)
+void assign(const Rows& x, const std::vector<double>& mu, std::vector<double>& distance, std::vector<double>& grp)
 {
     const std::size_t K = distance.size();
     for (std::size_t i = 0; i < x.n; ++i) {
@@ -56,7 +56,7 @@ bool labels_changed(const std::vector<double>& grp, const std::vector<double>& o
 }
 
 // Centres = group means; an empty group's centre becomes NaN (0 * 1/0).
-void update_centres(const Data& x, const std::vector<double>& grp, std::size_t K, std::vector<double>& mu)
+void update_centres(const Rows& x, const std::vector<double>& grp, std::size_t K, std::vector<double>& mu)
 {
     std::vector<long> size(K, 0);
     std::fill(mu.begin(), mu.end(), 0.0);
@@ -74,20 +74,16 @@ void update_centres(const Data& x, const std::vector<double>& grp, std::size_t K
 
 }  // namespace
 
-std::vector<int> kmeans_draw(const Matrix& x, int K)
+void kmeans_check(int n, int K)
 {
-    const int n = x.Nrows();
     if (K < 1 || K >= n)
         throw RunError("K-means needs between 1 and n - 1 groups; asked for " + std::to_string(K) +
                        " groups of " + std::to_string(n) + " observations");
-    std::vector<int> order(n);
-    srswor(order.data(), n);
-    return order;
 }
 
 std::vector<double> kmeans_from(const Real* x, std::size_t n, int p, const std::vector<int>& order, int K)
 {
-    const Data data{x, n, static_cast<std::size_t>(p)};
+    const Rows data{x, n, static_cast<std::size_t>(p)};
     std::vector<double> grp(n, 0.0), oldgrp(n), distance(static_cast<std::size_t>(K)), mu;
     // grp starts at 0, which no real label is, so the first pass always changes
     initial_centres(data, order, static_cast<std::size_t>(K), mu);
@@ -99,16 +95,6 @@ std::vector<double> kmeans_from(const Real* x, std::size_t n, int p, const std::
         if (labels_changed(grp, oldgrp)) tag = true;
         update_centres(data, grp, static_cast<std::size_t>(K), mu);
     }
-    return grp;
-}
-
-ColumnVector kmeans(const Matrix& x, int K)
-{
-    const std::vector<int> order = kmeans_draw(x, K);
-    const std::vector<double> labels =
-        kmeans_from(x.Store(), static_cast<std::size_t>(x.Nrows()), x.Ncols(), order, K);
-    ColumnVector grp(x.Nrows());
-    std::copy(labels.begin(), labels.end(), grp.Store());
     return grp;
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <vector>
 
 namespace mixrank {
@@ -48,23 +47,34 @@ private:
     int top_;
 };
 
-}  // namespace
-
-void srswor(int* vector, int length)
+template <class Draw>
+void fill_permutation(int* vector, int length, Draw&& draw)
 {
     for (int i = 0; i < length; ++i) vector[i] = 0;  // 0 marks a free slot
     FreeSlots slots(length);
     for (int number_left = length; number_left >= 1; --number_left) {
-        const int i = draw_rank(drand48(), number_left);
+        const int i = draw_rank(draw(), number_left);
         vector[slots.take(i)] = number_left;
     }
 }
 
-ColumnVector randomstart(const Matrix& x, int K)
+template <class Draw>
+void fill_labels(double* grp, std::size_t n, int K, Draw&& draw)
 {
-    const int n = x.Nrows();
-    ColumnVector grp(n);
-    for (int k = 1; k <= n; ++k) grp(k) = std::ceil(K * drand48());
+    for (std::size_t k = 0; k < n; ++k) grp[k] = std::ceil(K * draw());
+}
+
+}  // namespace
+
+void srswor(int* vector, int length, RandomStream& draws)
+{
+    fill_permutation(vector, length, [&draws] { return draws.next(); });
+}
+
+std::vector<double> randomstart(std::size_t n, int K, RandomStream& draws)
+{
+    std::vector<double> grp(n);
+    fill_labels(grp.data(), n, K, [&draws] { return draws.next(); });
     return grp;
 }
 

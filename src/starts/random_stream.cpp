@@ -10,10 +10,18 @@ namespace mixrank {
 
 namespace {
 
+constexpr std::uint64_t kMultiplier = 0x5DEECE66Dull, kIncrement = 0xB, kMask = (std::uint64_t(1) << 48) - 1;
+
 std::uint64_t value_of(const std::array<unsigned short, 3>& x)
 {
     return static_cast<std::uint64_t>(x[0]) | (static_cast<std::uint64_t>(x[1]) << 16) |
            (static_cast<std::uint64_t>(x[2]) << 32);
+}
+
+std::array<unsigned short, 3> state_of(std::uint64_t x)
+{
+    return {static_cast<unsigned short>(x & 0xFFFF), static_cast<unsigned short>((x >> 16) & 0xFFFF),
+            static_cast<unsigned short>(x >> 32)};
 }
 
 }  // namespace
@@ -32,11 +40,22 @@ RandomStream RandomStream::from_state(const std::array<unsigned short, 3>& state
 
 double RandomStream::next()
 {
-    constexpr std::uint64_t kMultiplier = 0x5DEECE66Dull, kIncrement = 0xB, kMask = (std::uint64_t(1) << 48) - 1;
     const std::uint64_t x = (kMultiplier * value_of(x_) + kIncrement) & kMask;
-    x_ = {static_cast<unsigned short>(x & 0xFFFF), static_cast<unsigned short>((x >> 16) & 0xFFFF),
-          static_cast<unsigned short>(x >> 32)};
-    return std::ldexp(static_cast<double>(x), -48);
+    x_ = state_of(x);
+    return std::ldexp(static_cast<double>(x), -48);  // exact: 48 bits fit a double
+}
+
+void RandomStream::discard(unsigned long long count)
+{
+    // x -> A x + C for 2^k steps at a time, squared up bit by bit (mod 2^64,
+    // then cut to 48 bits: the low bits do not depend on the high ones).
+    std::uint64_t x = value_of(x_), a = kMultiplier, c = kIncrement;
+    for (; count != 0; count >>= 1) {
+        if (count & 1) x = (a * x + c) & kMask;
+        c = (a * c + c) & kMask;
+        a = (a * a) & kMask;
+    }
+    x_ = state_of(x);
 }
 
 }  // namespace mixrank

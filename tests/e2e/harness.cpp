@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -40,7 +41,7 @@ std::map<std::string, std::string> Workdir::snapshot() const
 void Workdir::install_emmix() const { fs::copy_file(EMMIX_STANDIN, file("emmix"), fs::copy_options::overwrite_existing); }
 
 Started Workdir::start(const std::string& program, const Args& args, const std::string& input, const Args& env,
-                       long file_limit) const
+                       long file_limit, long memory_limit) const
 {
     static int count = 0;
     const std::string tag = path_ + "." + std::to_string(++count);  // beside the directory, not in it
@@ -59,10 +60,14 @@ Started Workdir::start(const std::string& program, const Args& args, const std::
                   err = ::open(s.err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         if (in < 0 || out < 0 || err < 0 || ::chdir(path_.c_str()) != 0) ::_exit(126);
         ::dup2(in, 0), ::dup2(out, 1), ::dup2(err, 2);
+        std::signal(SIGXFSZ, SIG_DFL);
         if (file_limit > 0) {
-            std::signal(SIGXFSZ, SIG_IGN);
             const rlimit limit{static_cast<rlim_t>(file_limit), static_cast<rlim_t>(file_limit)};
             ::setrlimit(RLIMIT_FSIZE, &limit);
+        }
+        if (memory_limit > 0) {
+            const rlimit limit{static_cast<rlim_t>(memory_limit), static_cast<rlim_t>(memory_limit)};
+            ::setrlimit(RLIMIT_AS, &limit);
         }
         ::execvpe(argv[0], argv.data(), envp.data());
         ::_exit(127);
@@ -71,16 +76,44 @@ Started Workdir::start(const std::string& program, const Args& args, const std::
     return s;
 }
 
-Result Workdir::finish(const Started& run) const
+Result Workdir::finish(const Started& run, double timeout) const
 {
     int raw = 0;
     struct rusage used {};
-    while (::wait4(run.pid, &raw, 0, &used) < 0 && errno == EINTR) continue;  // a signal to the tests is no end of the run
+    bool timed_out = false, ended = false;
+    if (timeout > 0) {  // polled: the run is killed once the time is up
+        const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
+        while (!ended && !timed_out) {
+            const pid_t done = ::wait4(run.pid, &raw, WNOHANG, &used);
+            ended = done == run.pid;
+            if (done == 0 && std::chrono::steady_clock::now() > until) {
+                ::kill(run.pid, SIGKILL);
+                timed_out = true;
+            } else if (done == 0 || (done < 0 && errno == EINTR)) {
+                ::usleep(10000);
+            } else if (done < 0) {
+                break;
+            }
+        }
+    }
+    if (!ended)
+        while (::wait4(run.pid, &raw, 0, &used) < 0 && errno == EINTR) continue;  // a signal to the tests is no end of the run
     const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-    const Result r{WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), read_file(run.out), read_file(run.err),
-                   seconds(used.ru_utime) + seconds(used.ru_stime)};
+    const Result r{timed_out ? kTimedOut : WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), read_file(run.out),
+                   read_file(run.err), seconds(used.ru_utime) + seconds(used.ru_stime)};
     for (const std::string* f : {&run.in, &run.out, &run.err}) ::unlink(f->c_str());
     return r;
+}
+
+Result Workdir::finish_within(const Started& run, int seconds) const
+{
+    for (int tick = 0; tick < seconds * 100; ++tick) {
+        siginfo_t info{};
+        if (::waitid(P_PID, run.pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == run.pid) return finish(run);
+        ::usleep(10000);
+    }
+    ::kill(run.pid, SIGKILL);
+    return finish(run);
 }
 
 Args with(Args base, const Args& more) { base.insert(base.end(), more.begin(), more.end()); return base; }

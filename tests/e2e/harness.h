@@ -35,10 +35,15 @@ public:
     std::map<std::string, std::string> snapshot() const;  // every name -> content (not a regular file: a mark)
     void install_emmix() const;                           // the stand-in, as ./emmix
     // Starts program (searched in PATH if it has no slash) in the directory, env (NAME=value) added to its
-    // environment; file_limit > 0 caps the files it writes (SIGXFSZ ignored: a write past it fails, EFBIG).
+    // environment; file_limit > 0 caps the files it writes (SIGXFSZ at its default: the program must ignore it
+    // itself), memory_limit > 0 its address space (bytes).
     Started start(const std::string& program, const Args& args, const std::string& input = "", const Args& env = {},
-                  long file_limit = 0) const;
-    Result finish(const Started& run) const;
+                  long file_limit = 0, long memory_limit = 0) const;
+    // Waits for the run; with a timeout (seconds) a run still going then is killed and its status is kTimedOut.
+    Result finish(const Started& run, double timeout = 0) const;
+    static constexpr int kTimedOut = -2;
+    // finish, but a run still going after seconds is killed (status 128 + SIGKILL): a hang fails, not stalls.
+    Result finish_within(const Started& run, int seconds) const;
     Result run_program(const std::string& program, const Args& args, const std::string& input = "", const Args& env = {}) const
     { return finish(start(program, args, input, env)); }
     Result run(const Args& args, const std::string& input = "", const Args& env = {}) const { return run_program(MIXRANK_BINARY, args, input, env); }

@@ -104,3 +104,21 @@ TEST(Emsr, SameMessagesFileFailureAndDrawsAsStartsOneAtATimeForAnyThreadCount)
         }
     }
 }
+
+// The memory of the starts is counted without overflow for any start count, and what cannot fit is refused
+// with the memory it needs before anything is fitted; what fits is not.
+TEST(Emsr, StartsThatCannotFitInMemoryAreRefusedUpFront)
+{
+    const double most = start_bytes(4, 6, 10, 2147483647, 'E'), fewer = start_bytes(4, 6, 10, 1000, 'E');
+    EXPECT_GT(most, 5.0 * 2147483647.0 * 100.0);  // five counts of 2^31 starts, each more than 100 bytes
+    EXPECT_NEAR((most - fewer) / (2147483647.0 - 1000.0), (fewer - start_bytes(4, 6, 10, 0, 'E')) / 1000.0, 1e-6);
+    EXPECT_GT(start_bytes(10, 6, 10, 10, 'U'), start_bytes(10, 6, 10, 10, 'E'));  // a covariance per component
+    try {
+        check_start_memory(4, 6, 10, 2147483647, 'E', std::size_t(1) << 40);
+        ADD_FAILURE() << "2^31 random starts were not refused";
+    } catch (const RunError& e) {
+        EXPECT_EQ(std::string(e.what()).find("the 10 K-means and 2147483647 random starts for 6 components need "), 0u)
+            << e.what();
+    }
+    EXPECT_NO_THROW(check_start_memory(4, 6, 10, 10, 'E', std::size_t(1) << 30));
+}

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <vector>
 
@@ -101,4 +102,45 @@ TEST(KMeans, EqualsThePlainAlgorithmFromThePermutationAndRefusesKOutsideOneToNMi
             EXPECT_THROW(kmeans(x, n), RunError);
             EXPECT_THROW(kmeans(x, 0), RunError);
         }
+}
+
+// A place in the stream draws what drand48 draws from there, skips exactly as many draws as it is told, and
+// makes the same permutations and partitions again: what a start keeps is enough to repeat its draws.
+TEST(DrawStream, RepeatsTheDrand48DrawsFromItsPlaceAndSkipsExactly)
+{
+    for (const long seed : {1L, 7L, 12345L, 2147483647L}) {
+        srand48(seed);
+        for (int i = 0; i < 37; ++i) drand48();
+        DrawStream here = DrawStream::process(), copy = here;
+        for (int i = 0; i < 1000; ++i) ASSERT_EQ(here.next(), drand48()) << seed << " draw " << i;
+        EXPECT_EQ(DrawStream::process().state(), here.state());  // reading the place does not move the stream
+        for (const std::uint64_t skip : {0ULL, 1ULL, 2ULL, 150ULL, 1000ULL}) {
+            DrawStream stepped = copy, jumped = copy;
+            for (std::uint64_t i = 0; i < skip; ++i) stepped.next();
+            jumped.skip(skip);
+            EXPECT_EQ(jumped.state(), stepped.state()) << skip;
+        }
+        DrawStream whole = copy, parts = copy;  // a skip past 2^32 draws: two halves make the whole
+        whole.skip(0x1234567890ULL);
+        parts.skip(0x1234500000ULL);
+        parts.skip(0x67890ULL);
+        EXPECT_EQ(whole.state(), parts.state());
+        EXPECT_NE(whole.state(), copy.state());
+        whole.make_process();
+        EXPECT_EQ(drand48(), DrawStream(whole).next());
+    }
+    for (const int n : {1, 2, 150, 401}) {
+        srand48(n);
+        DrawStream at = DrawStream::process();
+        std::vector<int> drawn(n), again(n);
+        srswor(drawn.data(), n);
+        const ColumnVector partition = randomstart(Matrix(n, 2), 3);
+        const double next = drand48();
+        srand48(99);  // the process-wide stream is elsewhere: the copy does not use it
+        srswor(again.data(), n, at);
+        const std::vector<double> labels = randomstart(std::size_t(n), 3, at);
+        EXPECT_EQ(again, drawn) << n;
+        EXPECT_EQ(labels, std::vector<double>(partition.Store(), partition.Store() + n)) << n;
+        EXPECT_EQ(at.next(), next) << n;
+    }
 }
