@@ -57,6 +57,7 @@ enum class FitStatus {
     pass_limit,    // stopped after the largest number of passes
     degenerate,    // a component became too small for its covariance: the fit was abandoned
     not_a_number,  // the log-likelihood is not a number
+    singular,      // a covariance could not be inverted (every start, when it is a g's best)
     given,         // not fitted here: read from a file or given by the caller
 };
 
@@ -76,6 +77,11 @@ struct Mixture {
     double loglik = std::numeric_limits<double>::quiet_NaN();
     FitStatus status = FitStatus::given;
     int passes = 0;  // EM passes made (0 when given)
+    // Fitted: the start it came from (0-based, in table order: 3 linkage,
+    // then K-means, then random starts), and whether the classic program's
+    // choice of the best start picks the same one. -1 and true when given.
+    int start = -1;
+    bool classic_choice = true;
 
     // The mean and the covariance of component k (0-based).
     const double* mean(int k) const { return means.data() + static_cast<std::size_t>(k) * dimension; }
@@ -125,15 +131,35 @@ private:
     std::array<unsigned short, 3> x_{};
 };
 
+// How the best of a g's starts is chosen.
+enum class StartChoice {
+    // The classic choice below wherever it picks a fit that is finite and not
+    // degenerate; otherwise the largest log-likelihood in double precision
+    // among the starts that are (ties to the earlier start; with none, the
+    // classic choice stands). A start whose covariance cannot be inverted
+    // only fails itself.
+    best_finite,
+    // The classic program's rule: a running best kept in single precision, a
+    // later start winning only when strictly above it, so a start whose
+    // log-likelihood is not a number never wins (and blocks every later one
+    // when it comes first) and an abandoned start loses to any later one. A
+    // covariance that cannot be inverted ends the fitting with
+    // Error(matrix_library).
+    classic,
+};
+
 // The starts of every g >= 2, besides the three hierarchical-linkage ones.
 struct StartSettings {
     int kmeans_starts = 10;
     int random_starts = 10;
+    StartChoice choice = StartChoice::best_finite;
 };
 
 // Callbacks of the long computations; every one may be left empty. They are
 // called on the calling thread, in table order.
 struct Progress {
+    // A new phase of the work, in words ("choosing the bandwidth", ...).
+    std::function<void(const std::string& phase)> phase;
     // Fitting: g's starts are about to be compared (fits of later g may be
     // running meanwhile).
     std::function<void(int g)> count_started;
@@ -150,8 +176,7 @@ struct Progress {
 
 // Fits g = 1..max_components by EM, each g from the three linkage starts,
 // the K-means starts and the random starts, and returns the best fit of each
-// g (the largest log-likelihood, ties to the earlier start, as the classic
-// program chooses), in the scaled units of the data. The random numbers are
+// g by starts.choice, in the scaled units of the data. The random numbers are
 // drawn from `random` in table order before any fit, so the result is the
 // same for any number of threads. Runs on worker threads (OMP_NUM_THREADS
 // limits them).
@@ -221,4 +246,55 @@ struct Classification {
 };
 Classification classify(const Data& data, const Mixture& mixture);
 
+// ---- Model selection: fitting, scoring and a recommendation in one call ----
+
+// The criterion a recommendation minimises.
+enum class Criterion { qbic, qaic, bic, aic };
+
+struct SelectSettings {
+    // The covariance models to fit, each for g = 1..max_components.
+    std::vector<CovarianceModel> models{CovarianceModel::common, CovarianceModel::per_component};
+    int max_components = 6;
+    // The kernel bandwidth; NaN (the default) chooses it (see bandwidth_rule).
+    double bandwidth = std::numeric_limits<double>::quiet_NaN();
+    StartSettings starts;
+    unsigned seed = 1;  // every model's starts draw from a stream of this seed
+    Criterion criterion = Criterion::qbic;
+};
+
+// One (model, g) row of a selection: its fit (in the data's units), its
+// scores, and whether it may be recommended.
+struct SelectionRow {
+    Mixture fit;           // in the data's original units
+    Mixture scaled;        // the same on the scaled columns of Data (for classify)
+    ModelScore score;
+    bool eligible = false;  // fitted, finite and not degenerate
+};
+
+struct Recommendation {
+    bool found = false;
+    std::size_t row = 0;          // index into Selection::rows
+    bool has_runner_up = false;
+    std::size_t runner_up = 0;    // the next best eligible row
+    double margin = 0;            // the runner-up's criterion minus the recommended one's
+};
+
+struct Selection {
+    double h = 0;
+    std::string bandwidth_rule;  // how h was chosen, in words
+    double sdof = 0, sdof_unbiased = 0;
+    std::vector<SelectionRow> rows;  // model by model as settings.models lists them, g = 1..G each
+    Recommendation recommendation;
+    std::vector<std::string> warnings;
+};
+
+// The value of a criterion in a score.
+double criterion_value(const ModelScore& score, Criterion criterion);
+
+// Fits, scores and recommends: the eligible row of the smallest criterion
+// value (ties to the earlier row, that is fewer components and the model
+// listed first).
+Selection select_mixtures(const Data& data, const SelectSettings& settings, const Progress& progress = {});
+
 }  // namespace mixrank
+

@@ -17,6 +17,7 @@
 #include "data/preparation.h"
 #include "io/atomic_file.h"
 #include "io/data_reader.h"
+#include "io/file_identity.h"
 #include "io/whole_file.h"
 #include "mixture/mixture.h"
 
@@ -38,13 +39,6 @@ int whole_number(const char* text, const std::string& what, char letter, int lea
     if (end == text || *end != '\0' || errno != 0 || v < least || v > INT_MAX)
         throw RunError(what + " given with -" + letter + " must be " + rule + "; got " + text);
     return static_cast<int>(v);
-}
-
-bool same_file(const std::string& a, const std::string& b)
-{
-    struct stat sa, sb;
-    return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
-           sa.st_ino == sb.st_ino;
 }
 
 // Reads the data as mixrank does: the known-size reader when both sizes are

@@ -10,6 +10,7 @@
 
 #include "common/settings.h"
 #include "data/preparation.h"
+#include "io/file_identity.h"
 #include "io/whole_file.h"
 #include "risk/report.h"
 
@@ -26,21 +27,6 @@ long double score_columns_wide(bool common, long double d, long double g)
 {
     const long double cov = d * (d + 1) / 2;
     return common ? d * g + cov + g : (cov + d) * g + g;
-}
-
-std::string normalised(const std::string& name)
-{
-    std::error_code ec;
-    const std::filesystem::path p = std::filesystem::weakly_canonical(std::filesystem::absolute(name, ec), ec);
-    return ec ? std::filesystem::absolute(name).lexically_normal().string() : p.string();
-}
-
-bool same_file(const std::string& a, const std::string& b)
-{
-    struct stat sa, sb;
-    if (::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0)
-        return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
-    return normalised(a) == normalised(b);
 }
 
 [[noreturn]] void clash(const std::string& what)

@@ -1,6 +1,7 @@
 #include "io/param_file.h"
 
 #include <limits>
+#include <sstream>
 #include <vector>
 
 #include "common/settings.h"
@@ -50,6 +51,20 @@ Mixture read_block(std::istream& param, int g, int d, CovarianceModel model)
     }
     for (int k = 1; k <= g; ++k) pi(k) = next_number(param);
     return mixture_from(model, mu, covariances, pi);
+}
+
+Mixture stored_form(const Mixture& mixture)
+{
+    if (mixture.weights.empty()) return mixture;
+    std::stringstream text;
+    write_block(text, mixture);
+    Mixture read = read_block(text, mixture.components, mixture.dimension, mixture.model);
+    read.loglik = mixture.loglik;
+    read.status = mixture.status;
+    read.passes = mixture.passes;
+    read.start = mixture.start;
+    read.classic_choice = mixture.classic_choice;
+    return read;
 }
 
 }  // namespace mixrank

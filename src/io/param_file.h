@@ -24,4 +24,9 @@ void write_block(std::ostream& param, const Mixture& mixture);
 // than 20 components of the per-component model.
 Mixture read_block(std::istream& param, int g, int d, CovarianceModel model);
 
+// The mixture as the parameter file gives it back: every value rounded to
+// six decimals, the covariances symmetric from their lower triangles. Its
+// fitting record (status, passes, start) is kept.
+Mixture stored_form(const Mixture& mixture);
+
 }  // namespace mixrank

@@ -35,14 +35,30 @@ bool BestStart::offer(double loglik)
     return wins;
 }
 
-int best_start(const std::vector<double>& logliks)
-{
-    BestStart best;
-    for (double l : logliks) best.offer(l);
-    return best.index();
-}
-
 namespace {
+
+// The best start by its double-precision log-likelihood among those that are
+// finite and not abandoned; ties keep the earlier start.
+class FiniteBest {
+public:
+    void offer(const Mixture& fit)
+    {
+        const bool usable = fit.status != FitStatus::degenerate && std::isfinite(fit.loglik);
+        if (usable && (!found_ || fit.loglik > best_)) {
+            found_ = true;
+            best_ = fit.loglik;
+            index_ = count_;
+        }
+        ++count_;
+    }
+    int index() const { return index_; }
+    bool found() const { return found_; }
+
+private:
+    int count_ = 0, index_ = 0;
+    bool found_ = false;
+    double best_ = 0.0;
+};
 
 // The EM routine of the starts of a covariance model.
 StartFit fit_start(CovarianceModel model, const FitData& x, const double* grp, int K)
@@ -141,25 +157,50 @@ public:
     // Reports g's abandoned starts in table order and returns the fit chosen
     // by BestStart; a failure comes out after the reports of the starts
     // before it.
-    Mixture best(int g, const Progress& progress)
+    Mixture best(int g, StartChoice choice, const Progress& progress)
     {
-        const CountWork& c = counts_[static_cast<std::size_t>(g - 1)];
+        CountWork& c = counts_[static_cast<std::size_t>(g - 1)];
         BestStart best;
+        FiniteBest finite;
         for (std::size_t ind = 0; ind < c.draws.ready; ++ind) {
             const std::exception_ptr failure = board_.wait(c.task[ind]);
-            if (failure) rethrow_fit_failure(failure);
+            if (failure && choice == StartChoice::classic) rethrow_fit_failure(failure);
+            if (failure) only_singular(failure, g, c.fits[ind].mixture);
             const StartFit& fit = c.fits[ind];
             // Only the common-covariance fits have always said so.
             if (model_ == CovarianceModel::common && !std::isnan(fit.abandoned_size) && progress.start_abandoned)
                 progress.start_abandoned(g, static_cast<int>(ind), fit.abandoned_size);
             best.offer(fit.mixture.loglik);
+            finite.offer(fit.mixture);
         }
         if (c.draws.failure) std::rethrow_exception(c.draws.failure);
-        return c.fits[best.index()].mixture;
+        const Mixture& classic = c.fits[static_cast<std::size_t>(best.index())].mixture;
+        const bool classic_usable = classic.status != FitStatus::degenerate && std::isfinite(classic.loglik);
+        const int chosen = choice == StartChoice::classic || classic_usable || !finite.found() ? best.index()
+                                                                                              : finite.index();
+        Mixture m = c.fits[static_cast<std::size_t>(chosen)].mixture;
+        m.start = chosen;
+        m.classic_choice = chosen == best.index();
+        return m;
     }
 
 private:
     static const std::string kRules;
+
+    // A start whose covariance could not be inverted fails alone: a fit of
+    // status singular and no values. Any other failure ends the fitting.
+    void only_singular(const std::exception_ptr& failure, int g, Mixture& fit) const
+    {
+        try {
+            std::rethrow_exception(failure);
+        } catch (const RefusedCovariance&) {
+            fit = Mixture();
+            fit.model = model_;
+            fit.components = g;
+            fit.dimension = data_.p();
+            fit.status = FitStatus::singular;
+        }
+    }
 
     // A linkage start of g >= 2 waits for its rule.
     std::size_t add_start(int g, std::size_t ind)
@@ -227,7 +268,7 @@ void check_settings(int max, int kmn, int rnd, CovarianceModel model)
 }  // namespace
 
 std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd,
-                                RandomStream& random, const Progress& progress)
+                                RandomStream& random, StartChoice choice, const Progress& progress)
 {
     check_settings(max, kmn, rnd, model);
     CountFits fits(x, model, max, kmn, rnd, random);
@@ -235,7 +276,7 @@ std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max,
     std::vector<Mixture> best;
     for (int g = 1; g <= max; ++g) {
         if (progress.count_started) progress.count_started(g);
-        best.push_back(fits.best(g, progress));
+        best.push_back(fits.best(g, choice, progress));
         if (progress.count_fitted) progress.count_fitted(g, best.back());
     }
     return best;
@@ -292,7 +333,7 @@ void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, in
         if (!append_record(param, best)) throw RecordNotWritten{};
     };
     try {
-        fit_counts(x, model, max, kmn, rnd, random, progress);
+        fit_counts(x, model, max, kmn, rnd, random, StartChoice::classic, progress);
     } catch (const RecordNotWritten&) {
         // the caller reports the failed write
     }
@@ -321,7 +362,7 @@ std::vector<Mixture> fit_mixtures(const Data& data, CovarianceModel model, int m
                            linkage_memory_limit());
         return while_doing("fitting the models", [&] {
             return fit_counts(data_matrix(data), model, max_components, starts.kmeans_starts, starts.random_starts,
-                              random, progress);
+                              random, starts.choice, progress);
         });
     });
 }

@@ -22,7 +22,7 @@ void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, in
 // The fitting behind it, printing nothing: the best fit of every g = 1..max,
 // reported through progress as it comes, in table order.
 std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd,
-                                RandomStream& random, const Progress& progress);
+                                RandomStream& random, StartChoice choice, const Progress& progress);
 
 // Memory the starts of g = 1..max hold until the last g is written: for
 // each start its place on the worker board, its messages and its fit (the
@@ -51,8 +51,5 @@ private:
     int maxi_ = 0;
     float maxlikelihood_ = 0.0f;
 };
-
-// Index (0-based) of the start the table order and the rule above select.
-int best_start(const std::vector<double>& logliks);
 
 }  // namespace mixrank

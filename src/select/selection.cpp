@@ -1,0 +1,159 @@
+// Model selection for the modern faces: the bandwidth, the fits of every
+// covariance model asked for, one scoring of all of them, and the
+// recommendation.
+#include <mixrank/mixrank.h>
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+#include "common/format.h"
+#include "common/library_errors.h"
+#include "io/param_file.h"
+#include "mixture/mixture.h"
+#include "risk/bandwidth.h"
+
+namespace mixrank {
+
+namespace {
+
+void say(const Progress& progress, const std::string& phase)
+{
+    if (progress.phase) progress.phase(phase);
+}
+
+const char* model_words(CovarianceModel m)
+{
+    return m == CovarianceModel::common ? "common covariance" : "per-component covariances";
+}
+
+void check(const Data& data, const SelectSettings& s)
+{
+    auto refuse = [](const std::string& what) { throw Error(Error::Kind::invalid_argument, what); };
+    if (s.models.empty()) refuse("no covariance model to fit");
+    for (std::size_t i = 0; i < s.models.size(); ++i)
+        for (std::size_t j = 0; j < i; ++j)
+            if (s.models[i] == s.models[j]) refuse("a covariance model is asked for twice");
+    if (s.max_components < 1) refuse("the largest number of components must be at least 1");
+    if (s.starts.kmeans_starts < 0 || s.starts.random_starts < 0) refuse("the numbers of starts must not be negative");
+    if (!std::isnan(s.bandwidth) && !(s.bandwidth > 0.0 && std::isfinite(s.bandwidth)))
+        refuse("the bandwidth must be a positive number");
+    if (data.n < 3) refuse("at least 3 observations are needed");
+}
+
+// The bandwidth asked for, or the automatic one.
+void bandwidth(const Data& data, const SelectSettings& settings, Selection& s, const Progress& progress)
+{
+    if (!std::isnan(settings.bandwidth)) {
+        s.h = settings.bandwidth;
+        s.bandwidth_rule = "given";
+        return;
+    }
+    say(progress, "choosing the bandwidth");
+    const BandwidthChoice choice = choose_bandwidth(data);
+    s.h = choice.h;
+    s.bandwidth_rule = choice.rule;
+}
+
+bool eligible(const SelectionRow& row, Criterion criterion)
+{
+    return row.score.scored && std::isfinite(criterion_value(row.score, criterion)) &&
+           (row.fit.status == FitStatus::converged || row.fit.status == FitStatus::pass_limit);
+}
+
+Recommendation recommend(const std::vector<SelectionRow>& rows, Criterion criterion)
+{
+    Recommendation r;
+    auto better = [&](std::size_t a, std::size_t b) {
+        return criterion_value(rows[a].score, criterion) < criterion_value(rows[b].score, criterion);
+    };
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        if (!rows[i].eligible) continue;
+        if (!r.found || better(i, r.row)) {
+            if (r.found) {
+                r.has_runner_up = true;
+                r.runner_up = r.row;
+            }
+            r.found = true;
+            r.row = i;
+        } else if (!r.has_runner_up || better(i, r.runner_up)) {
+            r.has_runner_up = true;
+            r.runner_up = i;
+        }
+    }
+    if (r.has_runner_up)
+        r.margin = criterion_value(rows[r.runner_up].score, criterion) - criterion_value(rows[r.row].score, criterion);
+    return r;
+}
+
+void warn_about(const Data& data, Selection& s)
+{
+    const double n = static_cast<double>(data.n);
+    if (s.sdof < 5.0 || s.sdof > n / 5.0)
+        s.warnings.push_back("the Sdof " + format("%.2f", s.sdof) + " lies outside the useful range 5 to n/5 = " +
+                             format("%.1f", n / 5.0) + "; a " + (s.sdof < 5.0 ? "smaller" : "larger") +
+                             " bandwidth brings it in");
+    for (const SelectionRow& row : s.rows) {
+        const std::string which =
+            std::string(model_words(row.fit.model)) + ", g = " + std::to_string(row.fit.components);
+        if (row.score.parameters >= n)
+            s.warnings.push_back(which + ": " + format("%.0f", row.score.parameters) +
+                                 " parameters, not fewer than the " + std::to_string(data.n) + " observations");
+        if (!row.fit.classic_choice)
+            s.warnings.push_back(which + ": the classic program's choice of start differs (it keeps a start whose "
+                                         "log-likelihood is not a number or that was abandoned)");
+        if (row.score.unstable)
+            s.warnings.push_back(which + ": the projection onto its score columns is unstable");
+    }
+}
+
+}  // namespace
+
+double criterion_value(const ModelScore& score, Criterion criterion)
+{
+    switch (criterion) {
+        case Criterion::qbic: return score.qbic;
+        case Criterion::qaic: return score.qaic;
+        case Criterion::bic: return score.bic;
+        case Criterion::aic: return score.aic;
+    }
+    return score.qbic;
+}
+
+Selection select_mixtures(const Data& data, const SelectSettings& settings, const Progress& progress)
+{
+    return as_library_errors([&] {
+        check(data, settings);
+        Selection s;
+        bandwidth(data, settings, s, progress);
+        say(progress, "evaluating the kernel");
+        const Kernel kernel = make_kernel(data, s.h);
+        std::vector<Mixture> fits;
+        for (CovarianceModel model : settings.models) {
+            say(progress, std::string("fitting with ") + model_words(model));
+            RandomStream random(settings.seed);
+            const std::vector<Mixture> some =
+                fit_mixtures(data, model, settings.max_components, settings.starts, random, progress);
+            // Scored as the classic program scores them: as its parameter
+            // file stores them.
+            for (const Mixture& m : some) fits.push_back(stored_form(m));
+        }
+        say(progress, "scoring");
+        const Scores scores = score_mixtures(data, kernel, fits);
+        s.sdof = scores.sdof;
+        s.sdof_unbiased = scores.sdof_unbiased;
+        for (std::size_t i = 0; i < fits.size(); ++i) {
+            SelectionRow row;
+            row.scaled = fits[i];
+            row.fit = fits[i].weights.empty() ? fits[i] : to_data_units(fits[i], data.spreads);
+            row.score = scores.models[i];
+            row.eligible = eligible(row, settings.criterion);
+            s.rows.push_back(row);
+        }
+        s.recommendation = recommend(s.rows, settings.criterion);
+        warn_about(data, s);
+        return s;
+    });
+}
+
+}  // namespace mixrank
