@@ -12,8 +12,10 @@ add_executable(mixrank_plot ${CMAKE_SOURCE_DIR}/app/mixrank_plot.cpp ${CMAKE_SOU
 target_link_libraries(mixrank_plot PRIVATE mixrank_plain_io)
 set_target_properties(mixrank_plot PROPERTIES OUTPUT_NAME mixrank-plot)
 
-install(TARGETS mixrank mixrank_classify mixrank_plot RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES ${CMAKE_SOURCE_DIR}/doc/mixrank.1 ${CMAKE_SOURCE_DIR}/doc/mixrank-classify.1
+install(TARGETS mixrank mixrank_select mixrank_classify mixrank_plot RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS mixrank_core ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES ${CMAKE_SOURCE_DIR}/include/mixrank/mixrank.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mixrank)
+install(FILES ${CMAKE_SOURCE_DIR}/doc/mixrank.1 ${CMAKE_SOURCE_DIR}/doc/mixrank-classify.1 ${CMAKE_SOURCE_DIR}/doc/mixrank-select.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 # The installation test installs this build tree into a temporary prefix and
