@@ -25,7 +25,8 @@ if(TARGET e2e_tests)
     MIXRANK_BUILD_DIR="${CMAKE_BINARY_DIR}"
     MIXRANK_CMAKE="${CMAKE_COMMAND}"
     MIXRANK_PLOT_BINARY="$<TARGET_FILE:mixrank_plot>"
+    MIXRANK_SELECT_BINARY="$<TARGET_FILE:mixrank_select>"
     MIXRANK_CLASSIFY_BINARY="$<TARGET_FILE:mixrank_classify>"
     MIXRANK_DOC_DIR="${CMAKE_SOURCE_DIR}/doc")
-  add_dependencies(e2e_tests mixrank_plot mixrank_classify)
+  add_dependencies(e2e_tests mixrank_plot mixrank_classify mixrank_select)
 endif()
