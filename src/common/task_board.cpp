@@ -1,5 +1,6 @@
 #include "common/task_board.h"
 
+#include <chrono>
 #include <algorithm>
 #include <string>
 #include <system_error>
@@ -72,6 +73,23 @@ std::exception_ptr TaskBoard::wait(std::size_t i)
     std::unique_lock<std::mutex> hold(lock_);
     changed_.wait(hold, [&] { return tasks_[i].done; });
     return tasks_[i].failure;
+}
+
+bool TaskBoard::wait_while(std::size_t i, const std::function<bool()>& keep_going, std::exception_ptr& failure)
+{
+    if (!keep_going) {
+        failure = wait(i);
+        return true;
+    }
+    std::unique_lock<std::mutex> hold(lock_);
+    while (!changed_.wait_for(hold, std::chrono::milliseconds(100), [&] { return tasks_[i].done; })) {
+        hold.unlock();
+        const bool go_on = keep_going();
+        hold.lock();
+        if (!go_on) return false;
+    }
+    failure = tasks_[i].failure;
+    return true;
 }
 
 void TaskBoard::stop()

@@ -39,6 +39,11 @@ public:
     // Waits until task i is done and returns how it failed (null if not).
     std::exception_ptr wait(std::size_t i);
 
+    // wait(), but keep_going is called (on the calling thread) about every
+    // tenth of a second meanwhile; when it returns false, the waiting ends
+    // and false is returned (failure untouched).
+    bool wait_while(std::size_t i, const std::function<bool()>& keep_going, std::exception_ptr& failure);
+
     // Drops the tasks no worker has taken and waits for the others.
     void stop();
 

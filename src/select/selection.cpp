@@ -17,8 +17,10 @@ namespace mixrank {
 
 namespace {
 
+// Announces the next phase, after asking whether to go on at all.
 void say(const Progress& progress, const std::string& phase)
 {
+    if (progress.keep_going && !progress.keep_going()) throw Error(Error::Kind::cancelled, "cancelled");
     if (progress.phase) progress.phase(phase);
 }
 
@@ -140,6 +142,7 @@ Selection select_mixtures(const Data& data, const SelectSettings& settings, cons
         }
         say(progress, "scoring");
         const Scores scores = score_mixtures(data, kernel, fits);
+        say(progress, "done");
         s.sdof = scores.sdof;
         s.sdof_unbiased = scores.sdof_unbiased;
         for (std::size_t i = 0; i < fits.size(); ++i) {

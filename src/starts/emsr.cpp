@@ -148,10 +148,13 @@ public:
     }
 
     // Waits for the linkage rules; a failure there comes out here.
-    void rules_done()
+    void rules_done(const Progress& progress)
     {
-        for (std::size_t t : rule_task_)
-            if (const std::exception_ptr failure = board_.wait(t)) std::rethrow_exception(failure);
+        for (std::size_t t : rule_task_) {
+            std::exception_ptr failure;
+            if (!board_.wait_while(t, progress.keep_going, failure)) throw Error(Error::Kind::cancelled, "cancelled");
+            if (failure) std::rethrow_exception(failure);
+        }
     }
 
     // Reports g's abandoned starts in table order and returns the fit chosen
@@ -163,7 +166,9 @@ public:
         BestStart best;
         FiniteBest finite;
         for (std::size_t ind = 0; ind < c.draws.ready; ++ind) {
-            const std::exception_ptr failure = board_.wait(c.task[ind]);
+            std::exception_ptr failure;
+            if (!board_.wait_while(c.task[ind], progress.keep_going, failure))
+                throw Error(Error::Kind::cancelled, "cancelled");
             if (failure && choice == StartChoice::classic) rethrow_fit_failure(failure);
             if (failure) only_singular(failure, g, c.fits[ind].mixture);
             const StartFit& fit = c.fits[ind];
@@ -272,7 +277,7 @@ std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max,
 {
     check_settings(max, kmn, rnd, model);
     CountFits fits(x, model, max, kmn, rnd, random);
-    fits.rules_done();
+    fits.rules_done(progress);
     std::vector<Mixture> best;
     for (int g = 1; g <= max; ++g) {
         if (progress.count_started) progress.count_started(g);
