@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "io/child_process.h"
 #include "io/whole_file.h"
 #include "plot_text.h"
 
@@ -65,39 +65,24 @@ std::string first_message(const PrivateDir& dir)
 // program was started with.
 pid_t start_gnuplot(const PrivateDir& dir, const HeldSignals& signals)
 {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addchdir_np(&actions, dir.path().c_str());
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, kMessages, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    short flags = POSIX_SPAWN_SETSIGMASK;
-    posix_spawnattr_setsigmask(&attr, &signals.outer_mask());
-    sigset_t defaults;
-    sigemptyset(&defaults);
-    if (signals.file_size_signal_was_default()) {
-        sigaddset(&defaults, SIGXFSZ);
-        posix_spawnattr_setsigdefault(&attr, &defaults);
-        flags |= POSIX_SPAWN_SETSIGDEF;
-    }
-    posix_spawnattr_setflags(&attr, flags);
-    std::string program = "gnuplot", script = kScript;
-    std::vector<char*> argv = {&program[0], &script[0], nullptr};
-    pid_t pid = -1;
-    const int spawned = posix_spawnp(&pid, "gnuplot", &actions, &attr, argv.data(), environ);
-    posix_spawnattr_destroy(&attr);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) throw error(std::string("cannot run gnuplot: ") + std::strerror(spawned));
+    mixrank::ChildProgram gnuplot;
+    gnuplot.program = "gnuplot";
+    gnuplot.arguments = {kScript};
+    gnuplot.directory = dir.path();
+    gnuplot.input = gnuplot.output = "/dev/null";
+    gnuplot.error = kMessages;
+    gnuplot.mask = &signals.outer_mask();
+    gnuplot.default_file_size_signal = signals.file_size_signal_was_default();
+    int why = 0;
+    const pid_t pid = mixrank::start_child(gnuplot, why);
+    if (pid < 0) throw error(std::string("cannot run gnuplot: ") + std::strerror(why));
     return pid;
 }
 
 void wait_for_gnuplot(pid_t pid, const PrivateDir& dir)
 {
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0)
-        if (errno != EINTR) throw error(std::string("lost track of gnuplot: ") + std::strerror(errno));
+    const int status = mixrank::wait_child(pid);
+    if (status < 0) throw error(std::string("lost track of gnuplot: ") + std::strerror(errno));
     if (WIFSIGNALED(status)) throw error("gnuplot was ended by signal " + std::to_string(WTERMSIG(status)));
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         const std::string why = first_message(dir);

@@ -5,7 +5,8 @@ include(GNUInstallDirs)
 
 # mixrank-plot only reads a report or classification file and drives gnuplot:
 # no matrix library, only the file helpers that need none.
-add_library(mixrank_plain_io STATIC ${CMAKE_SOURCE_DIR}/src/io/atomic_file.cpp ${CMAKE_SOURCE_DIR}/src/io/whole_file.cpp)
+add_library(mixrank_plain_io STATIC ${CMAKE_SOURCE_DIR}/src/io/atomic_file.cpp ${CMAKE_SOURCE_DIR}/src/io/whole_file.cpp
+            ${CMAKE_SOURCE_DIR}/src/io/child_process.cpp)
 target_include_directories(mixrank_plain_io PUBLIC ${CMAKE_SOURCE_DIR}/src)
 add_executable(mixrank_plot ${CMAKE_SOURCE_DIR}/app/mixrank_plot.cpp ${CMAKE_SOURCE_DIR}/app/plot_class.cpp
                ${CMAKE_SOURCE_DIR}/app/plot_run.cpp)

@@ -13,6 +13,7 @@
 #include "classify/classify.h"
 #include "common/matrix.h"
 #include "common/out_of_memory.h"
+#include "common/option_value.h"
 #include "common/settings.h"
 #include "data/preparation.h"
 #include "io/atomic_file.h"
@@ -24,12 +25,6 @@
 namespace mixrank {
 
 namespace {
-
-const char* option_value(int& i, int argc, char** argv)
-{
-    if (i + 1 >= argc) throw RunError(std::string("option ") + argv[i] + " needs a value");
-    return argv[++i];
-}
 
 int whole_number(const char* text, const std::string& what, char letter, int least, const char* rule)
 {
@@ -51,15 +46,11 @@ Matrix read_checked_data(const ClassifyOptions& o)
         throw RunError("cannot open the data file '" + o.datafile + "'" +
                        (data.outcome == WholeFile::read_failed ? std::string(": ") + std::strerror(data.error) : ""));
     Matrix x;
-    if (o.n != 0 && o.d != 0) {
-        x = parse_data(data.bytes, o.datafile, o.n, o.d);
-    } else {
-        try {
-            x = parse_data(data.bytes, o.datafile);
-        } catch (const RunExit&) {  // the reader has said that the file is not rectangular
-            throw RunError("the data file '" + o.datafile +
-                           "' is not rectangular: every line must hold the same number of values");
-        }
+    try {
+        x = parse_data_sized_or_detected(data.bytes, o.datafile, o.n, o.d);
+    } catch (const RunExit&) {  // the reader has said that the file is not rectangular
+        throw RunError("the data file '" + o.datafile +
+                       "' is not rectangular: every line must hold the same number of values");
     }
     std::cout << "Read  " << x.Nrows() << "  data points of dimension  " << x.Ncols() << " from file:" << o.datafile
               << std::endl;
@@ -148,10 +139,10 @@ int classify_run(int argc, char** argv)
         return 1;
     }
     const Matrix original = while_doing("reading the data", [&] { return read_checked_data(o); });
-    ColumnVector sd(original.Ncols());
-    for (int j = 1; j <= original.Ncols(); ++j) sd(j) = std::sqrt(variance(original.Column(j)));
     Matrix scaled = original;
-    scale_columns(scaled);
+    const std::vector<double> spreads = scale_columns(scaled);
+    ColumnVector sd(original.Ncols());
+    std::copy(spreads.begin(), spreads.end(), sd.Store());
 
     // Read whole as the data is: a FIFO without a writer gives nothing at once.
     const WholeFile stored = read_whole_file(o.paramfile);

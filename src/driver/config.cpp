@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 
+#include "common/option_value.h"
 #include "common/settings.h"
 #include "driver/ask.h"
 #include "mixture/mixture.h"
@@ -24,13 +25,6 @@ bool is_help_request(int argc, char** argv)
     const std::string first = argv[1];
     if (argc == 2 && first == "-h") return true;
     return first == "--help" || first == "-help";
-}
-
-// The argument after the option at position i, which it consumes.
-const char* option_value(int& i, int argc, char** argv)
-{
-    if (i + 1 >= argc) throw RunError(std::string("option ") + argv[i] + " needs a value");
-    return argv[++i];
 }
 
 // Looks at the second character of every argument that begins with '-'.

@@ -52,13 +52,9 @@ void read_and_scale(RunConfig& config, Matrix& x)
         throw RunError("the data file '" + config.datafile + "' is not a regular file or a pipe");
     if (data.outcome == WholeFile::read_failed)
         throw RunError("cannot read the data file '" + config.datafile + "': " + std::strerror(data.error));
-    if (config.obs != 0 && config.dim != 0) {
-        x = parse_data(data.bytes, config.datafile, config.obs, config.dim);
-    } else {
-        x = parse_data(data.bytes, config.datafile);
-        config.obs = x.Nrows();
-        config.dim = x.Ncols();
-    }
+    x = parse_data_sized_or_detected(data.bytes, config.datafile, config.obs, config.dim);
+    config.obs = x.Nrows();
+    config.dim = x.Ncols();
     check_sizes(config, config.nocommandline == 0);
     std::cout << "Read  " << config.obs << "  data points of dimension  " << config.dim
               << " from file:" << config.datafile << std::endl;

@@ -148,4 +148,9 @@ Matrix read_data(const std::string& datafile)
     return parse_data(bytes_of(std::move(f), datafile), datafile);
 }
 
+Matrix parse_data_sized_or_detected(const std::string& bytes, const std::string& datafile, int n, int d)
+{
+    return n != 0 && d != 0 ? parse_data(bytes, datafile, n, d) : parse_data(bytes, datafile);
+}
+
 }  // namespace mixrank

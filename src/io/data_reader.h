@@ -23,4 +23,8 @@ Matrix read_data(const std::string& datafile);
 Matrix parse_data(const std::string& bytes, const std::string& datafile, int m, int n);
 Matrix parse_data(const std::string& bytes, const std::string& datafile);
 
+// The one data step of the classic programs: the known-size reader when n
+// and d are both given (not 0), else the layout detection.
+Matrix parse_data_sized_or_detected(const std::string& bytes, const std::string& datafile, int n, int d);
+
 }  // namespace mixrank

@@ -1,9 +1,6 @@
 #include "io/emmix.h"
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,6 +12,7 @@
 #include <iostream>
 
 #include "common/settings.h"
+#include "io/child_process.h"
 
 namespace mixrank {
 
@@ -74,18 +72,13 @@ bool same(const struct timespec& a, const struct timespec& b)
 // waits for it. Its exit status is not examined.
 void run_program(const std::string& script)
 {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, script.c_str(), O_RDONLY, 0);
-    char program[] = "./emmix";
-    char* const argv[] = {program, nullptr};
-    pid_t pid;
-    const int error = ::posix_spawn(&pid, program, &actions, nullptr, argv, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) throw RunError(std::string("cannot start ./emmix: ") + std::strerror(error));
-    int status;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    ChildProgram emmix;
+    emmix.program = "./emmix";
+    emmix.input = script;
+    int error = 0;
+    const pid_t pid = start_child(emmix, error);
+    if (pid < 0) throw RunError(std::string("cannot start ./emmix: ") + std::strerror(error));
+    wait_child(pid);  // its exit status is not examined
 }
 
 }  // namespace
