@@ -151,8 +151,7 @@ Mixture stored_model(int K, int d, CovarianceModel model, std::istream& param, c
 
 std::string class_file_name(const std::string& datafile, const std::string& Methodname, int K)
 {
-    std::ostringstream discard;  // the report's position note is not wanted here
-    std::string name = report_file_name(datafile, Methodname, discard);
+    std::string name = report_file_name(datafile, Methodname);
     name.erase(name.size() - std::string("risk").size());
     return name + "g" + std::to_string(K) + ".class";
 }

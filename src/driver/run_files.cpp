@@ -59,8 +59,7 @@ void check_file_names(const RunConfig& config, const std::string& datafile_std, 
         clash("the parameter file '" + param + "' to be written is the scaled data copy '" + datafile_std + "'");
     if (estimating && same_file(datafile_std, data))
         clash("the scaled data copy '" + datafile_std + "' to be written is the data file '" + data + "'");
-    std::ostringstream quiet;
-    const std::string report = report_file_name(data, config.Methodname, quiet);
+    const std::string report = report_file_name(data, config.Methodname);
     if (same_file(report, data)) clash("the report '" + report + "' would replace the data file");
     if (same_file(report, param))
         clash("the report '" + report + "' would replace the parameter file '" + param + "'");

@@ -54,16 +54,16 @@ void write_file(const std::string& outfile, const Matrix& columns, double kxx, i
 
 }  // namespace
 
-std::string report_file_name(const std::string& datafile, const std::string& Methodname,
-                             std::ostream& out)
+int dat_position(const std::string& datafile)
 {
     const std::string::size_type found = datafile.find(".dat", 0);
-    const int datpos = found == std::string::npos ? -1 : static_cast<int>(found);
-    std::string headfile = datafile;
-    if (datpos > 0) {
-        out << "..........." << datpos;
-        headfile = datafile.substr(0, datpos);
-    }
+    return found == std::string::npos ? -1 : static_cast<int>(found);
+}
+
+std::string report_file_name(const std::string& datafile, const std::string& Methodname)
+{
+    const int datpos = dat_position(datafile);
+    const std::string headfile = datpos > 0 ? datafile.substr(0, datpos) : datafile;
     return headfile + "." + Methodname + ".risk";
 }
 
@@ -75,7 +75,9 @@ std::string report(const RiskTable& table, double kxx, int max, const std::strin
     Matrix columns;
     table_columns(table, columns);
     screen_table(columns, out);
-    const std::string outfile = report_file_name(datafile, Methodname, out);
+    // The name's position note: where ".dat" begins, when it cuts the name.
+    if (dat_position(datafile) > 0) out << "..........." << dat_position(datafile);
+    const std::string outfile = report_file_name(datafile, Methodname);
     write_file(outfile, columns, kxx, rows);
     return outfile;
 }

@@ -8,12 +8,17 @@
 
 namespace mixrank {
 
-// Name of the report file for a data file and covariance model name; prints
-// the "..........." position note to out when the name holds ".dat".
-std::string report_file_name(const std::string& datafile, const std::string& Methodname,
-                             std::ostream& out);
+// Position of the first ".dat" in the data file's name, -1 when there is none.
+int dat_position(const std::string& datafile);
 
-// Prints the screen table to out and writes the report file; returns its name.
+// Name of the report file for a data file and covariance model name: the
+// data file's name cut before its first ".dat" (when that is not at its
+// start), a point, the model's name and ".risk".
+std::string report_file_name(const std::string& datafile, const std::string& Methodname);
+
+// Prints the screen table and the name's position note ("..........." and
+// the position of ".dat", when it cuts the name) to out and writes the
+// report file; returns its name.
 std::string report(const RiskTable& table, double kxx, int max, const std::string& datafile,
                    const std::string& Methodname, std::ostream& out);
 
