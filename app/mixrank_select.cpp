@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -23,6 +24,7 @@
 #include "io/whole_file.h"
 #include "risk/blas_workspace.h"
 #include "select_options.h"
+#include "select_plot.h"
 #include "select_report.h"
 
 namespace mixrank {
@@ -157,6 +159,9 @@ int run(int argc, char** argv)
 
     std::string json = o.json, csv = o.csv, classes = o.classify_file;
     if (!o.output_dir.empty()) {
+        std::error_code made;
+        std::filesystem::create_directories(o.output_dir, made);
+        if (made) throw Failure("cannot make the output directory '" + o.output_dir + "': " + made.message());
         const std::string base = o.output_dir + "/" + stem_of(o.data) + ".select";
         if (json.empty()) json = base + ".json";
         if (csv.empty()) csv = base + ".csv";
@@ -169,6 +174,11 @@ int run(int argc, char** argv)
     if (!json.empty()) write_file("JSON report", json, json_report(report, classified ? &c : nullptr, row), o.data);
     if (!csv.empty()) write_file("CSV report", csv, csv_report(report), o.data);
     if (!classes.empty() && classified) write_file("classification", classes, classification_csv(report, c), o.data);
+    if (o.plot) {
+        const std::string base = o.output_dir + "/" + stem_of(o.data) + ".select";
+        for (const std::string& p : draw_pictures(base, selection, table, classified ? &c : nullptr, row))
+            std::cout << "picture: " << p << "\n";
+    }
     return 0;
 }
 

@@ -39,6 +39,9 @@ const char kHelp[] =
     "      --class-csv=FILE      write the classification as CSV\n"
     "      --output-dir=DIR      write STEM.select.json, STEM.select.csv and\n"
     "                            STEM.select.class.csv there\n"
+    "      --plot                with --output-dir, also draw the criteria against g\n"
+    "                            for each model and the classification (PNG, by\n"
+    "                            mixrank-plot, which needs gnuplot)\n"
     "  -q, --quiet               no progress line on standard error\n"
     "  -h, --help                show this help and exit\n"
     "      --version             show the version and exit\n"
@@ -160,6 +163,7 @@ SelectOptions parse_select_options(int argc, char** argv)
         else if (arg == "--help" || arg == "-h") o.help = true;
         else if (arg == "--version") o.version = true;
         else if (arg == "--quiet" || arg == "-q") o.quiet = true;
+        else if (arg == "--plot") o.plot = true;
         else if (arg == "--header") o.table.header = HeaderChoice::present;
         else if (arg == "--no-header") o.table.header = HeaderChoice::absent;
         else {
@@ -176,6 +180,7 @@ SelectOptions parse_select_options(int argc, char** argv)
     }
     if (o.help || o.version) return o;
     if (files.size() != 1) usage(files.empty() ? "no data file given" : "only one data file may be given");
+    if (o.plot && o.output_dir.empty()) usage("option '--plot' needs '--output-dir' for the pictures");
     o.data = files.front();
     return o;
 }

@@ -23,6 +23,7 @@ struct SelectOptions {
     CovarianceModel classify_model = CovarianceModel::common;
     int classify_g = 0;
     std::string classify_file;  // the classification CSV ("": none)
+    bool plot = false;          // draw the criteria and the classification (PNG, with --output-dir)
     bool quiet = false;
     bool help = false, version = false;
 };

@@ -33,18 +33,18 @@ void screen_table(const Matrix& columns, std::ostream& out)
     out << kRuleB << "\n";
 }
 
+}  // namespace
+
+void write_report_file(const std::string& outfile, const Matrix& columns, double kxx, int rows);
+
+namespace {
+
 // The file is written to a temporary file and renamed over the old report
 // only when complete, so a failed or interrupted run leaves the old one.
 void write_file(const std::string& outfile, const Matrix& columns, double kxx, int rows)
 {
-    ColumnVector kxxColumn(rows);
-    kxxColumn = kxx;
-    const Matrix all = columns | kxxColumn;
     try {
-        AtomicFile file("report file", outfile);
-        file.stream() << kFileHeading << NORMAL << "\n";
-        file.stream() << std::setw(14) << std::setprecision(8) << all;
-        file.commit();
+        write_report_file(outfile, columns, kxx, rows);
     } catch (const RunError&) {
         std::cout.flush();
         std::cerr << "mixrank: cannot create the report file " << outfile
@@ -53,6 +53,17 @@ void write_file(const std::string& outfile, const Matrix& columns, double kxx, i
 }
 
 }  // namespace
+
+void write_report_file(const std::string& outfile, const Matrix& columns, double kxx, int rows)
+{
+    ColumnVector kxxColumn(rows);
+    kxxColumn = kxx;
+    const Matrix all = columns | kxxColumn;
+    AtomicFile file("report file", outfile);
+    file.stream() << kFileHeading << NORMAL << "\n";
+    file.stream() << std::setw(14) << std::setprecision(8) << all;
+    file.commit();
+}
 
 int dat_position(const std::string& datafile)
 {

@@ -16,6 +16,11 @@ int dat_position(const std::string& datafile);
 // start), a point, the model's name and ".risk".
 std::string report_file_name(const std::string& datafile, const std::string& Methodname);
 
+// Writes the report file: the heading and, per row, the nine columns (q,
+// distance, MLF, EE, QAIC, QBIC, log-likelihood, AIC, BIC) and the Sdof.
+// RunError when it cannot be written (an earlier file stays as it was).
+void write_report_file(const std::string& outfile, const Matrix& columns, double kxx, int rows);
+
 // Prints the screen table and the name's position note ("..........." and
 // the position of ".dat", when it cuts the name) to out and writes the
 // report file; returns its name.
