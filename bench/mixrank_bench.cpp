@@ -112,7 +112,7 @@ double timed(const std::function<void()>& f)
 void phases(const std::string& datafile, int n)
 {
     using namespace mixrank;
-    srand48(1);
+    RandomStream random(1);
     std::streambuf* old = std::cout.rdbuf(nullptr);  // the routines' own messages
     Matrix x;
     double t_read = timed([&] {
@@ -122,10 +122,10 @@ void phases(const std::string& datafile, int n)
     KernelSummary kernel;
     const double t_kernel = timed([&] { kernel = kernel_summary(x, 0.5); });
     std::ostringstream param;
-    const double t_fit = timed([&] { emsr(x, "bench.param", param, 6, 10, 10, 'E'); });
+    const double t_fit = timed([&] { emsr(x, "bench.param", param, 6, 10, 10, 'E', random); });
     std::istringstream models(param.str());
     std::ostringstream screen;
-    const double t_risk = timed([&] { risk_calculation(x, kernel, 6, 'E', models, "bench.param", screen); });
+    const double t_risk = timed([&] { risk_calculation(x, kernel, 6, CovarianceModel::common, models, "bench.param", screen); });
     std::cout.rdbuf(old);
     std::printf("  phases n=%d: read+scale %.2fs, kernel %.2fs, fitting (linkage, K-means, EM) %.2fs, "
                 "risk of six models %.2fs\n",

@@ -22,6 +22,7 @@ FitData::FitData(const Matrix& x)
       columns_(rows_.size()),
       squares_(n_ * packed_length(p_), 0.0)
 {
+    if (p_ < 1) return;  // nothing to lay out: the fits refuse data without columns
     const std::size_t p = static_cast<std::size_t>(p_), length = packed_length(p_);
     for (std::size_t i = 0; i < n_; ++i) {
         const double* xi = row(i);

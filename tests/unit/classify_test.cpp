@@ -10,24 +10,39 @@
 
 using namespace risk_support;
 
-static ColumnVector by_rule(const Matrix& x, const emstruct& fit) { return posterior(x, fit); }
-static ColumnVector by_rule(const Matrix& x, const emstructuneq& fit) { return posterior2(x, fit); }
+// The maximum-posterior rule on pi_k f_k(x_i) through the program's own density evaluator: the label of the
+// strictly largest weight, the first of equals, starting from label 1 and a largest weight of 0.
+static ColumnVector by_rule(const Matrix& x, const Mixture& fit)
+{
+    const int n = x.Nrows(), p = x.Ncols(), K = fit.components;
+    const std::vector<NormalDensity> dens = component_densities(fit);
+    ColumnVector label(n);
+    for (int i = 0; i < n; ++i) {
+        label(i + 1) = 1.0;
+        double max = 0.0;
+        for (int k = 0; k < K; ++k) {
+            const double w = fit.weights[k] * dens[k](x.Store() + i * p, fit.mean(k));
+            if (max < w) max = w, label(i + 1) = k + 1;
+        }
+    }
+    return label;
+}
 
 // Classifies x, checking the first rows against the maximum-posterior rule and against pi_k f_k(x): the label of
 // the largest (the first on ties), the weights over their sum, and 1 minus the largest of those.
-template <class Record>
-static ClassifiedRows classified(const Matrix& x, int rows, const Record& fit)
+static ClassifiedRows classified(const Matrix& x, int rows, const Mixture& fit)
 {
-    const ClassifiedRows c = classify_observations(x, fit);
     const io_scratch::CaptureStdout screen;
+    const ClassifiedRows c = classify_observations(x, fit);
+    EXPECT_EQ(screen.text(), "") << "classifying prints nothing";
     const ColumnVector rule = by_rule(x, fit);
-    EXPECT_EQ(screen.text(), "k=" + std::to_string(fit.mu.Nrows()) + "\n");
+    const Matrix mu = means_matrix(fit);
     for (int i = 1; i <= rows; ++i) EXPECT_EQ(rule(i), c.label(i)) << "observation " << i;
-    for (int i = 1, K = fit.mu.Nrows(); i <= rows; ++i) {
+    for (int i = 1, K = fit.components; i <= rows; ++i) {
         std::vector<double> w(K + 1);
         int label = 1;
         for (int k = 1; k <= K; ++k) {
-            w[0] += w[k] = fit.pi(k) * MVNpdf(x.Row(i), fit.mu.Row(k), component_covariance(fit, k).i());
+            w[0] += w[k] = fit.weights[k - 1] * MVNpdf(x.Row(i), mu.Row(k), covariance_matrix(fit, k).i());
             if (w[k] > w[label]) label = k;
         }
         EXPECT_EQ(c.label(i), label) << "observation " << i;
@@ -39,16 +54,16 @@ static ClassifiedRows classified(const Matrix& x, int rows, const Record& fit)
 
 // Posterior probabilities of row i from the logarithms of the weights, log pi_k - log det(Sigma_k) / 2 - the
 // quadratic form / 2, every term formed afresh with the matrix library; the label is the largest term's.
-template <class Record>
-static std::pair<std::vector<double>, int> log_form(const Matrix& x, int i, const Record& fit)
+static std::pair<std::vector<double>, int> log_form(const Matrix& x, int i, const Mixture& fit)
 {
-    const int K = fit.mu.Nrows();
+    const int K = fit.components;
+    const Matrix mu = means_matrix(fit);
     std::vector<double> t(K + 1, -INFINITY);
     int label = 1;
     for (int k = 1; k <= K; ++k) {
-        const Matrix& s = component_covariance(fit, k);
-        const RowVector diff = x.Row(i) - fit.mu.Row(k);
-        t[k] = std::log(fit.pi(k)) - 0.5 * s.LogDeterminant().LogValue() - 0.5 * (diff * s.i() * diff.t()).AsScalar();
+        const Matrix s = covariance_matrix(fit, k);
+        const RowVector diff = x.Row(i) - mu.Row(k);
+        t[k] = std::log(fit.weights[k - 1]) - 0.5 * s.LogDeterminant().LogValue() - 0.5 * (diff * s.i() * diff.t()).AsScalar();
         if (t[k] > t[label]) label = k;
     }
     std::vector<double> tau(K + 1);
@@ -82,7 +97,7 @@ TEST(Classify, PosteriorProbabilitiesLabelsAndUncertaintyAgainstTheDirectForm)
     for (const std::string model : {"E2", "E3", "U2", "U3"}) {
         std::istringstream file(param);
         const int K = model[1] - '0';
-        const auto check = [&](const auto& fit) {
+        const auto check = [&](const Mixture& fit) {
             // Far away every weight underflows to 0: the logarithms still weigh the components.
             const ClassifiedRows c = classified(x, 5, fit);
             const auto [tau, label] = log_form(x, 6, fit);
@@ -90,7 +105,14 @@ TEST(Classify, PosteriorProbabilitiesLabelsAndUncertaintyAgainstTheDirectForm)
             expect_probabilities(c, 6, tau, label, model);
             return c;
         };
-        const ClassifiedRows c = model[0] == 'E' ? check(stored_model_e(K, 2, file, "p")) : check(stored_model_u(K, 2, file, "p"));
+        const CovarianceModel kind = model[0] == 'E' ? CovarianceModel::common : CovarianceModel::per_component;
+        const Mixture fit = stored_model(K, 2, kind, file, "p");
+        ASSERT_EQ(fit.model, kind);
+        ASSERT_EQ(fit.covariances.size(), kind == CovarianceModel::common ? 4u : 4u * K);
+        // The common reader keeps the last covariance read; the per-component one keeps each.
+        EXPECT_EQ(fit.covariances[0], K == 3 && kind == CovarianceModel::common ? 1.5 : 1.0) << model;
+        EXPECT_EQ(fit.covariances[1], K == 3 && kind == CovarianceModel::common ? -0.4 : K == 3 ? 0.3 : 0.0) << model;
+        const ClassifiedRows c = check(fit);
         EXPECT_TRUE(K != 2 || (c.label(1) == 1.0 && c.uncertainty(1) == 0.5)) << model << ": the tie at even odds";
     }
 }
@@ -102,16 +124,17 @@ TEST(Classify, FarOverflowingAndDegenerateComponentsLeaveTheOthersTheirProbabili
 {
     const Matrix x = mat(5, 2, {0, 0, 5, 5, 1, 4, 3, 0.5, -60, 40});
     {   // Component 1 at (1e160, 2e160): under this covariance its quadratic form is inf - inf in every row.
-        const emstruct far{mat(3, 2, {1e160, 2e160, 0, 0, 5, 5}), mat(2, 2, {1, 0.8, 0.8, 1}), mat(3, 1, {0.5, 0.2, 0.3}), 0.0};
-        ASSERT_TRUE(std::isnan(MVNpdf(x.Row(1), far.mu.Row(1), far.sigma.i())));
-        const emstruct rest{far.mu.Rows(2, 3), far.sigma, far.pi.Rows(2, 3), 0.0};
+        const Matrix mu = mat(3, 2, {1e160, 2e160, 0, 0, 5, 5}), sigma = mat(2, 2, {1, 0.8, 0.8, 1});
+        const ColumnVector pi = mat(3, 1, {0.5, 0.2, 0.3});
+        const Mixture far = common_mixture(mu, sigma, pi), rest = common_mixture(mu.Rows(2, 3), sigma, pi.Rows(2, 3));
+        ASSERT_TRUE(std::isnan(MVNpdf(x.Row(1), mu.Row(1), sigma.i())));
         const ClassifiedRows c = classify_observations(x, far), r = classify_observations(x, rest);
         EXPECT_EQ(c.not_a_number, std::vector<int>(3, 0));
         for (int i = 1; i <= x.Nrows(); ++i)  // as if the far component were not there
             expect_probabilities(c, i, {1, 0, r.tau(i, 1), r.tau(i, 2)}, r.label(i) + 1, "far component");
     }
     {   // Component 2's covariance 1e-300 I: det(Sigma^-1) = 1e600 overflows, and the direct density cannot be formed.
-        const emstructuneq tiny{mat(2, 2, {0, 0, 3, 0.5}), {{}, {IdentityMatrix(2)}, {1e-300 * IdentityMatrix(2)}}, mat(2, 1, {0.9, 0.1}), 0.0};
+        const Mixture tiny = component_mixture(mat(2, 2, {0, 0, 3, 0.5}), {IdentityMatrix(2), 1e-300 * IdentityMatrix(2)}, mat(2, 1, {0.9, 0.1}));
         EXPECT_THROW(component_densities(tiny), NEWMAT::BaseException);
         const ClassifiedRows c = classify_observations(x, tiny);
         for (int i = 1; i <= x.Nrows(); ++i) {
@@ -122,8 +145,8 @@ TEST(Classify, FarOverflowingAndDegenerateComponentsLeaveTheOthersTheirProbabili
         EXPECT_EQ(c.tau(5, 1), 1.0);
     }
     {   // Means at 1e200 and beyond: every squared distance overflows, and the nearest component takes the row.
-        const emstruct beyond{mat(3, 2, {0, 3e200, 1e200, 0, 1e200, 0}), IdentityMatrix(2), mat(3, 1, {0.5, 0.1, 0.4}), 0.0};
-        const emstruct one{mat(1, 2, {1e160, -1e160}), IdentityMatrix(2), mat(1, 1, {1}), 0.0};
+        const Mixture beyond = common_mixture(mat(3, 2, {0, 3e200, 1e200, 0, 1e200, 0}), IdentityMatrix(2), mat(3, 1, {0.5, 0.1, 0.4}));
+        const Mixture one = common_mixture(mat(1, 2, {1e160, -1e160}), IdentityMatrix(2), mat(1, 1, {1}));
         const ClassifiedRows c = classify_observations(x, beyond), single = classify_observations(x, one);
         for (int i = 1; i <= x.Nrows(); ++i) {  // components 2 and 3 are one place: they share as pi_2 : pi_3
             expect_probabilities(c, i, {1, 0, 0.2, 0.8}, 3, "every distance overflows");
@@ -131,7 +154,8 @@ TEST(Classify, FarOverflowingAndDegenerateComponentsLeaveTheOthersTheirProbabili
         }
     }
     {   // An indefinite covariance weighs nothing; when no component is left, the row has no probabilities.
-        emstructuneq bad{mat(2, 2, {0, 0, 4, 4}), {{}, {IdentityMatrix(2)}, {mat(2, 2, {1, 0, 0, -1})}}, mat(2, 1, {0.5, 0.5}), 0.0};
+        const Matrix indefinite = mat(2, 2, {1, 0, 0, -1});
+        const Mixture bad = component_mixture(mat(2, 2, {0, 0, 4, 4}), {IdentityMatrix(2), indefinite}, mat(2, 1, {0.5, 0.5}));
         const ClassifiedRows c = classify_observations(x, bad);
         for (int i = 1; i <= x.Nrows(); ++i) expect_probabilities(c, i, {1, 1, 0}, 1, "indefinite component 2");
         EXPECT_EQ(c.not_a_number, (std::vector<int>{0, 5}));
@@ -139,8 +163,7 @@ TEST(Classify, FarOverflowingAndDegenerateComponentsLeaveTheOthersTheirProbabili
         print_undefined_weights(err, c);
         EXPECT_EQ(err.str(), "mixrank-classify: the weight of component 2 is not a number for 5 of 5 observations (its "
                              "covariance cannot be factorised); it counts as 0 there\n");
-        bad.sigma[1].comp = bad.sigma[2].comp;
-        const ClassifiedRows none = classify_observations(x, bad);
+        const ClassifiedRows none = classify_observations(x, component_mixture(means_matrix(bad), {indefinite, indefinite}, weights_vector(bad)));
         EXPECT_EQ(none.unweighted, 5);
         EXPECT_TRUE(std::isnan(none.tau(3, 1)) && std::isnan(none.tau(3, 2)) && std::isnan(none.uncertainty(3)) && none.label(3) == 1.0);
     }
@@ -153,23 +176,33 @@ TEST(Classify, ReadersAndTheShapeCheckRefuseByName)
     using io_scratch::refusal;
     std::istringstream unread;
     unread.setstate(std::ios::failbit);
-    const std::string none = "a model needs at least one component", fewer = "a model holds fewer components than it is scored with",
-                      covariance = "the covariance of a model does not match the data's dimension";
+    const std::string none = "a model needs at least one component", means = "the means of a model do not match the data's dimension",
+                      parts = "the parts of a model do not match its number of components and dimension";
     for (const auto& [K, message] : {std::pair<int, std::string>{0, none}, {1, "cannot read the parameter file 'p'"}})
-        EXPECT_EQ(refusal([&] { stored_model_e(K, 2, unread, "p"); }) + refusal([&] { stored_model_u(K, 2, unread, "p"); }), message + message);
-    emstruct e;  // two components in two dimensions
-    e.mu.ReSize(2, 2), e.pi.ReSize(2), e.sigma = IdentityMatrix(2);
-    emstructuneq u;  // the same with a 3 x 3 second covariance
-    u.mu = e.mu, u.pi = e.pi, u.sigma[1].comp = e.sigma, u.sigma[2].comp = IdentityMatrix(3);
-    const auto shape = [](const auto& record, int g, int d) { return refusal([&] { check_model_shape(Matrix(5, d), record, g); }); };
-    EXPECT_EQ(shape(e, 2, 2) + shape(u, 1, 2), "");
-    EXPECT_EQ(shape(e, 0, 2) + shape(u, 0, 2), none + none);
-    EXPECT_EQ(shape(e, 3, 2) + shape(u, 3, 2), fewer + fewer);
-    EXPECT_EQ(shape(e, 1, 3), "the means of a model do not match the data's dimension");
-    EXPECT_EQ(shape(u, 2, 2), covariance);
-    e.sigma = IdentityMatrix(3), u.mu.ReSize(21, 2), u.pi.ReSize(21);
-    EXPECT_EQ(shape(e, 1, 2), covariance);
-    EXPECT_EQ(shape(u, 21, 2), "a component-covariance model holds at most 20 components");
+        EXPECT_EQ(refusal([&] { stored_model(K, 2, CovarianceModel::common, unread, "p"); }) +
+                      refusal([&] { stored_model(K, 2, CovarianceModel::per_component, unread, "p"); }),
+                  message + message);
+    const Matrix mu(2, 2);  // two components in two dimensions
+    const ColumnVector pi(2);
+    const Mixture e = common_mixture(mu, IdentityMatrix(2), pi), u = component_mixture(mu, {IdentityMatrix(2), IdentityMatrix(2)}, pi);
+    const auto shape = [](const Mixture& m, int d) { return refusal([&] { check_model_shape(Matrix(5, d), m); }); };
+    EXPECT_EQ(shape(e, 2) + shape(u, 2), "");
+    EXPECT_EQ(shape(common_mixture(Matrix(0, 2), IdentityMatrix(2), ColumnVector(0)), 2), none);
+    EXPECT_EQ(shape(e, 3) + shape(u, 1), means + means);
+    // Parts of another size than g and d say: a 3 x 3 second covariance, a 3 x 3 common one, one covariance for
+    // two components, a missing proportion, a missing mean row.
+    EXPECT_EQ(shape(component_mixture(mu, {IdentityMatrix(2), IdentityMatrix(3)}, pi), 2), parts);
+    EXPECT_EQ(shape(common_mixture(mu, IdentityMatrix(3), pi), 2), parts);
+    EXPECT_EQ(shape(component_mixture(mu, {IdentityMatrix(2)}, pi), 2), parts);
+    Mixture m = e;
+    m.weights.pop_back();
+    EXPECT_EQ(shape(m, 2), parts);
+    m = u, m.means.resize(2);
+    EXPECT_EQ(shape(m, 2), parts);
+    const std::vector<Matrix> covariances(21, IdentityMatrix(2));
+    EXPECT_EQ(shape(component_mixture(Matrix(21, 2), covariances, ColumnVector(21)), 2),
+              "a component-covariance model holds at most 20 components");
+    EXPECT_EQ(shape(common_mixture(Matrix(21, 2), IdentityMatrix(2), ColumnVector(21)), 2), "");
 }
 
 TEST(Classify, FileLinesWithSixDecimalsAndTheFileNameAfterTheReport)

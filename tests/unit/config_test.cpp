@@ -92,8 +92,9 @@ TEST(Configure, HelpRequestsOptionScanParameterFileNamedAfterTheDataFileAndTheDi
         {{"-x"}, "s=T i=my.dat dialogue=1 obs1=1 |Invalid Option x ignored\n" + kDialogue + kClock + kPrompts, "0 my.dat 0 0 0.5 1"},
         {{"stray"}, no_answer + "seed|" + kDialogue},
         {{"-e"}, no_answer + "number of observations|" + kDialogue + "\nGive the name of the datafile:\nNo of obs:", "5\nd.dat\nmany\n"}};
+    srand48(77);
     for (const auto& c : cases) EXPECT_EQ(run(c.args, c.answers), c.want);
-    const double first = drand48();  // the stream is seeded with the seed of the last run
-    srand48(5);
+    const double first = drand48();  // the seed stays in the configuration: the C library's stream is not touched
+    srand48(77);
     EXPECT_EQ(first, drand48());
 }

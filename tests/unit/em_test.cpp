@@ -72,14 +72,19 @@ Literal literal(const Matrix& x, const ColumnVector& grp, int K, Cov cov)
     return passes(x, f, cov);
 }
 
-template <class Fit>
-void matches(const Fit& got, const Literal& want, Cov cov)
+void matches(const Mixture& got, const Literal& want, Cov cov)
 {
-    EXPECT_EQ(values(got.mu), values(want.mu));
-    for (int k = 1; k <= want.mu.Nrows(); ++k)
-        EXPECT_EQ(values(component_covariance(got, k)), values(want.sigma[cov == component ? k : 0])) << k;
-    EXPECT_EQ(values(got.pi), values(want.pi));
+    const int K = want.mu.Nrows(), p = want.mu.Ncols();
+    ASSERT_EQ(got.components, K);
+    ASSERT_EQ(got.dimension, p);
+    EXPECT_EQ(got.model, cov == component ? CovarianceModel::per_component : CovarianceModel::common);
+    ASSERT_EQ(got.covariances.size(), std::size_t(p * p * (cov == component ? K : 1)));
+    EXPECT_EQ(got.means, values(want.mu));
+    for (int k = 1; k <= K; ++k)
+        EXPECT_EQ(values(covariance_matrix(got, k)), values(want.sigma[cov == component ? k : 0])) << k;
+    EXPECT_EQ(got.weights, values(want.pi));
     EXPECT_EQ(got.loglik, cov == deviation ? std::log(want.last_temp) : want.loglik);
+    EXPECT_EQ(got.passes, want.passes);
 }
 
 // n1 points labelled 1 around the origin, then n2 labelled 2 around (shift, ..., shift), in p dimensions.
@@ -110,6 +115,26 @@ Matrix clusters(const Case& c, ColumnVector& grp)
 
 char kind(const Literal& f) { return f.passes == 0 ? 's' : f.loglik == -9e+100 ? 'a' : f.passes == 99 ? 'l' : 'c'; }
 
+// How a fit of that kind reports its end: the status, and the smallest size when the size guard abandoned it.
+void ended_as(const StartFit& got, const Literal& want, const std::string& what)
+{
+    const char k = kind(want);
+    const FitStatus status = k == 's' || k == 'a' ? FitStatus::degenerate
+                             : k == 'l'           ? FitStatus::pass_limit
+                                                  : FitStatus::converged;
+    EXPECT_EQ(got.mixture.status, status) << what;
+    if (k == 's' || k == 'a')
+        EXPECT_EQ(got.abandoned_size, want.nk.Minimum()) << what;
+    else
+        EXPECT_TRUE(std::isnan(got.abandoned_size)) << what;
+}
+
+StartFit common_fit(const Matrix& x, const ColumnVector& grp, int K) { return fit_common(FitData(x), grp.Store(), K); }
+StartFit component_fit(const Matrix& x, const ColumnVector& grp, int K)
+{
+    return fit_components(FitData(x), grp.Store(), K);
+}
+
 }  // namespace
 
 // Both covariance models from every kind of start; the log-likelihood of a converged per-component fit.
@@ -121,13 +146,15 @@ TEST(Em, FitsEqualTheLiteralAlgorithmFromEveryKindOfStart)
         const int K = c.n2 > 0 ? 2 : 1;
         const Literal a = literal(x, grp, K, common), b = literal(x, grp, K, component);
         EXPECT_EQ(std::string({kind(a), kind(b)}), c.kinds) << c.n1 << " " << c.phase;
-        std::ostringstream report;  // em's when a component is too small; emunequal is silent
-        if (a.loglik == -9e+100) report << "\n" << a.nk.Minimum() << " to small n \n";
-        io_scratch::CaptureStdout out;
-        matches(em(x, grp, K), a, common);
-        const emstructuneq fit = emunequal(x, grp, K);
-        matches(fit, b, component);
-        EXPECT_EQ(out.text(), c.kinds == "ss" ? "\n3 to small n \n" : report.str()) << c.n1 << " " << c.phase;
+        io_scratch::CaptureStdout out;  // the fits print nothing: they say how they ended
+        const StartFit e = common_fit(x, grp, K), u = component_fit(x, grp, K);
+        matches(e.mixture, a, common);
+        matches(u.mixture, b, component);
+        ended_as(e, a, "common " + c.kinds);
+        ended_as(u, b, "per component " + c.kinds);
+        EXPECT_TRUE(c.kinds != "ss" || e.abandoned_size == 3.0);
+        EXPECT_EQ(out.text(), "");
+        const Mixture& fit = u.mixture;
         Literal last = b;  // one more pass of a converged fit: its l_i is the log-likelihood of the fit
         last.passes = 98;
         if (kind(b) == 'c') { EXPECT_EQ(log_likelihood(x, fit), passes(x, last, component).loglik) << c.n1; }
@@ -148,13 +175,19 @@ TEST(Em, LabelsOutsideOneToKGivenValuesOfTheWrongShapeAndASingularCovarianceAreR
 {
     ColumnVector grp;
     const Matrix x = clusters(kCases[1], grp);  // 24 x 3
-    EXPECT_THROW(em(x, grp * 2.0, 2), RunError);  // labels outside 1..K
-    EXPECT_THROW(emunequal(x, grp, 21), RunError);
-    EXPECT_THROW(em(Matrix(x.Nrows(), 0), grp, 2), RunError);  // no columns
-    EXPECT_THROW(emunequal(Matrix(x.Nrows(), 0), grp, 2), RunError);
+    const ColumnVector doubled = grp * 2.0;
+    EXPECT_THROW(common_fit(x, doubled, 2), RunError);  // labels outside 1..K
+    EXPECT_THROW(component_fit(x, doubled, 2), RunError);
+    EXPECT_THROW(component_fit(x, grp, 21), RunError);
+    EXPECT_THROW(common_fit(Matrix(x.Nrows(), 0), grp, 2), RunError);  // no columns
+    EXPECT_THROW(component_fit(Matrix(x.Nrows(), 0), grp, 2), RunError);
+    EXPECT_THROW(common_fit(x, grp, 0), RunError);
     ColumnVector twenty(x.Nrows());
     for (int i = 1; i <= x.Nrows(); ++i) twenty(i) = (i - 1) % 20 + 1;
-    EXPECT_EQ(emunequal(x, twenty, 20).loglik, -9e+100);  // twenty components are allowed (and too small here)
+    const StartFit small = component_fit(x, twenty, 20);  // twenty components are allowed (and too small here)
+    EXPECT_EQ(small.mixture.loglik, -9e+100);
+    EXPECT_EQ(small.abandoned_size, 1.0);
+    EXPECT_EQ(small.mixture.status, FitStatus::degenerate);
     // K; rows and columns of means and covariance; proportions (right: 2; 2, 3; 3, 3; 2).
     for (const auto& t : {std::array<int, 6>{2, 1, 3, 3, 3, 2}, {2, 2, 2, 3, 3, 2}, {2, 2, 3, 2, 3, 2},
                           {2, 2, 3, 3, 2, 2}, {2, 2, 3, 3, 3, 1}, {0, 0, 3, 3, 3, 0}})
@@ -163,4 +196,33 @@ TEST(Em, LabelsOutsideOneToKGivenValuesOfTheWrongShapeAndASingularCovarianceAreR
     // A singular covariance ends the fit with the matrix library's own exception.
     EXPECT_THROW(em_from_initial_estimates(x, filled(2, 3, 0.0), filled(3, 3, 0.0), filled(2, 1, 1), 2),
                  NEWMAT::BaseException);
+}
+
+// Fits from a partition never call the matrix library: a covariance it would refuse comes out as
+// RefusedCovariance holding that covariance, and only on the main thread does it become the library's exception.
+TEST(Em, ASingularCovarianceFromAPartitionIsHandedBackForTheMainThread)
+{
+    ColumnVector grp;
+    Matrix x = clusters(kCases[3], grp);  // 45 x 3
+    x.Column(3) = x.Column(1);            // every covariance of the start is singular
+    for (const bool common : {true, false}) {
+        try {
+            common ? common_fit(x, grp, 2) : component_fit(x, grp, 2);
+            ADD_FAILURE() << "no refusal, common " << common;
+        } catch (const RefusedCovariance& refused) {
+            ASSERT_EQ(refused.p, 3);
+            ASSERT_EQ(refused.sigma.size(), 9u);
+            EXPECT_EQ(refused.sigma[0], refused.sigma[2]);  // the repeated column's entries
+            EXPECT_EQ(refused.sigma[0], refused.sigma[8]);
+            EXPECT_THROW(rethrow_fit_failure(std::current_exception()), NEWMAT::BaseException);
+            EXPECT_THROW(refused.repeat_with_library(), NEWMAT::BaseException);
+        }
+    }
+    // Any other failure passes through unchanged.
+    try {
+        common_fit(x, grp, 0);
+        ADD_FAILURE() << "no components were accepted";
+    } catch (...) {
+        EXPECT_THROW(rethrow_fit_failure(std::current_exception()), RunError);
+    }
 }

@@ -2,7 +2,6 @@
 // for models of both covariance types, on data small enough for the n x n projection), and what it prints.
 #include <gtest/gtest.h>
 
-#include <type_traits>
 
 #include "risk/risk_loop.h"
 #include "risk/score.h"
@@ -13,11 +12,12 @@ using namespace risk_support;
 // The score matrix from whole-matrix expressions: a constant column, the mean blocks, the
 // covariance block of each component (for a common covariance one sum weighted by pi(k)), and
 // the proportions against the last one.
-template <class Record>
-static Matrix literal_score(const Matrix& x, const Record& fit)
+static Matrix literal_score(const Matrix& x, const Mixture& fit)
 {
-    const bool common = std::is_same<Record, emstruct>::value;
-    const int n = x.Nrows(), d = x.Ncols(), g = fit.mu.Nrows(), tri = d * (d + 1) / 2;
+    const bool common = fit.model == CovarianceModel::common;
+    const int n = x.Nrows(), d = x.Ncols(), g = fit.components, tri = d * (d + 1) / 2;
+    const Matrix mu = means_matrix(fit);
+    const ColumnVector pi = weights_vector(fit);
     Matrix M(n, 1 + d * g + (common ? tri : tri * g) + g - 1);
     for (int i = 1; i <= n; ++i) {
         auto lower = [&](int column, const Matrix& t) {  // the lower triangle, row by row
@@ -25,16 +25,16 @@ static Matrix literal_score(const Matrix& x, const Record& fit)
                 for (int b = 1; b <= a; ++b) M(i, column++) = t(a, b);
         };
         ColumnVector f(g);
-        for (int k = 1; k <= g; ++k) f(k) = MVNpdf(x.Row(i), fit.mu.Row(k), component_covariance(fit, k).i());
-        const double ftot = (fit.pi.t() * f).AsScalar();
+        for (int k = 1; k <= g; ++k) f(k) = MVNpdf(x.Row(i), mu.Row(k), covariance_matrix(fit, k).i());
+        const double ftot = (pi.t() * f).AsScalar();
         M(i, 1) = 1.0;
         Matrix summed = 0.0 * IdentityMatrix(d);
         for (int k = 1; k <= g; ++k) {
-            const Matrix inv = component_covariance(fit, k).i();
-            const RowVector r = x.Row(i) - fit.mu.Row(k);
+            const Matrix inv = covariance_matrix(fit, k).i();
+            const RowVector r = x.Row(i) - mu.Row(k);
             M.SubMatrix(i, i, d * k - d + 2, d * k + 1) = f(k) / ftot * (r * inv);
             const Matrix term = f(k) / ftot / 2.0 * (inv * r.t() * r * inv - inv);
-            summed += fit.pi(k) * term;
+            summed += pi(k) * term;
             if (!common) lower(d * g + 2 + tri * (k - 1), term);
         }
         if (common) lower(d * g + 2, summed);
@@ -55,13 +55,14 @@ TEST(RiskRegression, EveryColumnOfBothCovarianceTypesAgreesWithThePlainForms)
         numbers.models(3, d, common_file, per_file);
         // Every column of the G = 3 models against each model's row by the literal formulas: the
         // kernel matrix centred and rescaled as a whole, P = M (M'M)^-1 M' formed explicitly.
-        auto compare = [&](const std::string& file, char method, auto reader) {
+        auto compare = [&](const std::string& file, CovarianceModel model) {
+            const char method = model == CovarianceModel::common ? 'E' : 'U';
             std::istringstream param(file), again(file);
-            const RiskTable t = risk_calculation(x, kernel_summary(x, 0.5), 3, method, param, "models.param", screen);
+            const RiskTable t = risk_calculation(x, kernel_summary(x, 0.5), 3, model, param, "models.param", screen);
             for (int g = 1; g <= 3; ++g) {
-                const auto fit = reader(g, d, again);
+                const Mixture fit = read_block(again, g, d, model);
                 const Matrix M = literal_score(x, fit);  // and the score matrix itself, entry by entry
-                EXPECT_LT(Matrix(score(x, fit, g) - M).MaximumAbsoluteValue(), 1e-12 * M.MaximumAbsoluteValue()) << method << d << g;
+                EXPECT_LT(Matrix(score(x, fit) - M).MaximumAbsoluteValue(), 1e-12 * M.MaximumAbsoluteValue()) << method << d << g;
                 const double p = M.Ncols() - 1.0, LL = log_likelihood(x, fit), DIST = (n * n) * literal_distance(x, fit, 0.5) / scale;
                 const double EE = Matrix(literal_projection(M) * centred).Trace() / scale, MLF = DIST - (kxx - EE);
                 const double want[] = {DIST, EE, MLF, MLF + EE, MLF + (logn / 2.0f) * EE, LL, 2.0 * (-LL + p), 2.0 * (-LL) + logn * p, p};
@@ -70,8 +71,8 @@ TEST(RiskRegression, EveryColumnOfBothCovarianceTypesAgreesWithThePlainForms)
                     EXPECT_NEAR(got[c], want[c], 1e-10 * std::fabs(want[c]) + 1e-12) << method << " d = " << d << " g = " << g << " column " << c;
             }
         };
-        compare(common_file.str(), 'E', &readparam_e);
-        compare(per_file.str(), 'U', &readparam_u);
+        compare(common_file.str(), CovarianceModel::common);
+        compare(per_file.str(), CovarianceModel::per_component);
     }
 }
 
@@ -83,7 +84,7 @@ TEST(RiskRegression, NearlyDependentModelIsUnstableAndAShortFileWarnsOnceLeaving
     std::istringstream param("1.9 1.9 \n0.8 \n0.5 0.9 \n1.0 \n1.9 1.9 \n0.8 \n0.5 0.9 \n1.9 1.9000001 \n0.8 \n0.5 0.9 \n0.5 0.5 \n");
     std::ostringstream screen;
     testing::internal::CaptureStderr();
-    const RiskTable t = risk_calculation(x, kernel, 3, 'E', param, "models.param", screen);
+    const RiskTable t = risk_calculation(x, kernel, 3, CovarianceModel::common, param, "models.param", screen);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "mixrank: parameter file models.param is missing, too short or not numeric: "
                                                       "reading stopped in the model with 3 component(s); the models from there on show nan\n");
     std::ostringstream want;  // the second model's line follows a warning; riskf as the kernel test checks it

@@ -8,31 +8,64 @@
 
 using namespace risk_support;
 
-const auto text = [](const auto& record) { std::ostringstream out; out << record; return out.str(); };
+static std::string text(const Mixture& m)
+{
+    std::ostringstream out;
+    write_block(out, m);
+    return out.str();
+}
 
-TEST(ParameterFile, BlocksInFixedNotationWithSixDecimalsReadBackUnderEitherRecordType)
+TEST(ParameterFile, BlocksInFixedNotationWithSixDecimalsReadBackUnderEitherModel)
 {
     // d = 2 with a common covariance (its upper entry is never written); d = 1 per component.
-    const emstruct common{mat(2, 2, {5.006, 3.428, 6.262, 2.872}), mat(2, 2, {0.121765, 99.0, 0.09784, 0.140816}),
-                          mat(2, 1, {0.333333, 0.666667}), 0.0};
-    const emstructuneq per{mat(2, 1, {-1.5, 2.25}), {{}, {mat(1, 1, {1e-7})}, {mat(1, 1, {12345.6789})}},
-                           mat(2, 1, {0.25, 0.75}), 0.0};
+    const Mixture common = common_mixture(mat(2, 2, {5.006, 3.428, 6.262, 2.872}), mat(2, 2, {0.121765, 99.0, 0.09784, 0.140816}),
+                                          mat(2, 1, {0.333333, 0.666667}));
+    const Mixture per = component_mixture(mat(2, 1, {-1.5, 2.25}), {mat(1, 1, {1e-7}), mat(1, 1, {12345.6789})},
+                                          mat(2, 1, {0.25, 0.75}));
     const std::string common_text = "5.006000 3.428000 \n0.121765 \n0.097840 0.140816 \n"
                                     "6.262000 2.872000 \n0.121765 \n0.097840 0.140816 \n0.333333 0.666667 \n";
     const std::string per_text = "-1.500000 \n0.000000 \n2.250000 \n12345.678900 \n0.250000 0.750000 \n";
     std::stringstream file;
-    file << common << per << 1e-7;  // the stream's own format is left as it was
+    write_block(file, common);
+    write_block(file, per);
+    file << 1e-7;  // the stream's own format is left as it was
     EXPECT_EQ(file.str(), common_text + per_text + "1e-07");
     file.str(common_text + per_text + common_text + per_text);
-    EXPECT_EQ(text(readparam_e(2, 2, file)), common_text);
-    EXPECT_EQ(text(readparam_u(2, 1, file)), per_text);
+    const Mixture e = read_block(file, 2, 2, CovarianceModel::common);
+    EXPECT_EQ(text(e), common_text);
+    EXPECT_EQ(e.model, CovarianceModel::common);
+    EXPECT_EQ(e.covariances, (std::vector<double>{0.121765, 0.09784, 0.09784, 0.140816}));  // mirrored
+    EXPECT_EQ(e.means, (std::vector<double>{5.006, 3.428, 6.262, 2.872}));
+    EXPECT_EQ(e.weights, (std::vector<double>{0.333333, 0.666667}));
+    EXPECT_TRUE(std::isnan(e.loglik));
+    EXPECT_EQ(e.status, FitStatus::given);
+    EXPECT_EQ(text(read_block(file, 2, 1, CovarianceModel::per_component)), per_text);
     // The layouts are the same: a common block gives every component its
     // covariance, and the common reader keeps the last component's.
-    const emstructuneq u = readparam_u(2, 2, file);
+    const Mixture u = read_block(file, 2, 2, CovarianceModel::per_component);
     EXPECT_EQ(text(u), common_text);
-    EXPECT_EQ(u.sigma[1].comp(1, 2), 0.09784);
-    EXPECT_EQ(readparam_e(2, 1, file).sigma(1, 1), 12345.6789);
-    EXPECT_THROW(readparam_u(21, 1, file), RunError);  // a record holds at most 20 components
+    EXPECT_EQ(u.covariances.size(), 8u);
+    EXPECT_EQ(covariance_matrix(u, 1)(1, 2), 0.09784);
+    const Mixture last = read_block(file, 2, 1, CovarianceModel::common);
+    EXPECT_EQ(last.covariances, std::vector<double>{12345.6789});
+    EXPECT_TRUE(file.good());
+    // Past the end: the stream fails and every value from there on is NaN.
+    const Mixture past = read_block(file, 1, 1, CovarianceModel::common);
+    EXPECT_TRUE(file.fail());
+    EXPECT_TRUE(std::isnan(past.means[0]) && std::isnan(past.covariances[0]) && std::isnan(past.weights[0]));
+    EXPECT_THROW(read_block(file, 21, 1, CovarianceModel::per_component), RunError);  // at most 20 components
+    EXPECT_NO_THROW(read_block(file, 21, 1, CovarianceModel::common));
+}
+
+// Text in the middle of a block: the values before it are kept, those from it on are NaN.
+TEST(ParameterFile, TextInABlockLeavesTheRestNotANumber)
+{
+    std::istringstream file("1.5 2.5 \n3 \nx 4 \n0.5 \n");
+    const Mixture m = read_block(file, 1, 2, CovarianceModel::per_component);
+    EXPECT_EQ(m.means, (std::vector<double>{1.5, 2.5}));
+    EXPECT_EQ(m.covariances[0], 3.0);
+    EXPECT_TRUE(std::isnan(m.covariances[2]) && std::isnan(m.covariances[3]) && std::isnan(m.weights[0]));
+    EXPECT_TRUE(std::isnan(m.covariances[1]));  // the mirrored entry
 }
 
 // Two rows of the table, the second with a NaN and very wide numbers.

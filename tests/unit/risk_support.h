@@ -8,6 +8,7 @@
 #include "common/settings.h"
 #include "io/param_file.h"
 #include "mixture/density.h"
+#include "mixture/mixture.h"
 #include "risk/kernel.h"
 
 namespace risk_support {
@@ -20,6 +21,16 @@ inline Matrix mat(int rows, int cols, std::initializer_list<double> values)
     Matrix m(rows, cols);
     std::copy(values.begin(), values.end(), m.Store());
     return m;
+}
+
+// Mixtures from matrix-library values: one covariance shared by all components, or one per component.
+inline Mixture common_mixture(const Matrix& mu, const Matrix& sigma, const ColumnVector& pi)
+{
+    return mixture_from(CovarianceModel::common, mu, {sigma}, pi);
+}
+inline Mixture component_mixture(const Matrix& mu, const std::vector<Matrix>& sigma, const ColumnVector& pi)
+{
+    return mixture_from(CovarianceModel::per_component, mu, sigma, pi);
 }
 
 // Numbers from a fixed erand48 stream.
@@ -38,12 +49,15 @@ struct Numbers {
     void models(int G, int d, std::ostream& common, std::ostream& per)
     {
         for (int g = 1; g <= G; ++g) {
-            emstructuneq u{points(g, d, 3.0), {}, ColumnVector(g), 0.0};
+            const Matrix mu = points(g, d, 3.0);
+            ColumnVector pi(g);
+            std::vector<Matrix> sigma;
             for (int k = 1; k <= g; ++k) {
                 const Matrix a = points(d, d, 1.0) - 0.5;
-                u.pi(k) = (1.0 + k) / (g * (g + 3) / 2.0), u.sigma[k].comp = a * a.t() + 0.3 * IdentityMatrix(d);
+                pi(k) = (1.0 + k) / (g * (g + 3) / 2.0), sigma.push_back(a * a.t() + 0.3 * IdentityMatrix(d));
             }
-            common << emstruct{u.mu, u.sigma[1].comp, u.pi, 0.0}, per << u;
+            write_block(common, common_mixture(mu, sigma[0], pi));
+            write_block(per, component_mixture(mu, sigma, pi));
         }
     }
     unsigned short state[3];
@@ -76,16 +90,16 @@ inline Matrix literal_centred(const Matrix& k)
 
 // The distance as the mean over all pairs (i, j) of K(x_i, x_j) - kx(i) - kx(j) + kk, with the
 // covariances inverted afresh for every term.
-template <class Record>
-double literal_distance(const Matrix& x, const Record& fit, double h)
+inline double literal_distance(const Matrix& x, const Mixture& fit, double h)
 {
-    const int n = x.Nrows(), g = fit.mu.Nrows();
-    const Matrix sig = h * h * IdentityMatrix(x.Ncols());
-    auto cov = [&](int k) -> const Matrix& { return component_covariance(fit, k); };
+    const int n = x.Nrows(), g = fit.components;
+    const Matrix sig = h * h * IdentityMatrix(x.Ncols()), mu = means_matrix(fit);
+    const ColumnVector pi = weights_vector(fit);
+    auto cov = [&](int k) { return covariance_matrix(fit, k); };
     double kk = 0.0, kx = 0.0;  // kx: the sum over i
     for (int k = 1; k <= g; ++k) {
-        for (int l = 1; l <= g; ++l) kk += fit.pi(k) * fit.pi(l) * MVNpdf(fit.mu.Row(k), fit.mu.Row(l), (cov(k) + cov(l) + sig).i());
-        for (int i = 1; i <= n; ++i) kx += fit.pi(k) * MVNpdf(x.Row(i), fit.mu.Row(k), (cov(k) + sig).i());
+        for (int l = 1; l <= g; ++l) kk += pi(k) * pi(l) * MVNpdf(mu.Row(k), mu.Row(l), (cov(k) + cov(l) + sig).i());
+        for (int i = 1; i <= n; ++i) kx += pi(k) * MVNpdf(x.Row(i), mu.Row(k), (cov(k) + sig).i());
     }
     return literal_kernel(x, h).Sum() / (double(n) * n) - 2.0 * kx / n + kk;
 }

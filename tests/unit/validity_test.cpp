@@ -10,11 +10,21 @@ using namespace risk_support;
 
 namespace {
 
-// Two components in two dimensions, valid under both records: the second covariance is near-singular
+// The parts of a mixture, to spoil one at a time: sigma[1], sigma[2] the covariances.
+struct Parts {
+    Matrix mu;
+    struct { Matrix comp; } sigma[3];
+    ColumnVector pi;
+    Mixture per_component() const { return component_mixture(mu, {sigma[1].comp, sigma[2].comp}, pi); }
+    // The common-covariance mixture takes the second covariance as its common one.
+    Mixture common() const { return common_mixture(mu, sigma[2].comp, pi); }
+};
+
+// Two components in two dimensions, valid under both models: the second covariance is near-singular
 // (correlation 1 - 1e-10), the proportions are written with six decimals.
-emstructuneq valid_uneq()
+Parts valid_uneq()
 {
-    emstructuneq u;
+    Parts u;
     u.mu = mat(2, 2, {0.5, -1, 3, 1e150});
     u.pi = mat(2, 1, {0.333333, 0.666667});
     u.sigma[1].comp = mat(2, 2, {2, 0.5, 0.5, 1});
@@ -28,33 +38,33 @@ emstructuneq valid_uneq()
 // records, including a near-singular covariance, a proportion of 0 and a mean at the bound, pass silently.
 TEST(MixtureValidity, NamesTheFirstInvalidParameterAndPassesValidOnes)
 {
-    EXPECT_EQ(mixture_problem(valid_uneq()), "");
-    EXPECT_EQ(mixture_problem(emstruct{valid_uneq().mu, valid_uneq().sigma[2].comp, valid_uneq().pi, 0.0}), "");
-    const std::vector<std::pair<std::function<void(emstructuneq&)>, std::string>> cases = {
-        {[](emstructuneq& u) { u.pi(1) = 0.0, u.pi(2) = 1.0; }, ""},
-        {[](emstructuneq& u) { u.pi(1) = 1.2, u.pi(2) = -0.2; }, "proportion of component 2 is negative (-0.2)"},
-        {[](emstructuneq& u) { u.pi(1) = NAN; }, "proportion of component 1 is not a finite number (nan)"},
-        {[](emstructuneq& u) { u.pi(2) = 0.6; }, "the proportions do not sum to 1 (0.933333)"},
-        {[](emstructuneq& u) { u.pi(2) = 0.6676; }, ""},  // a sum of 1.000933 is within 1e-3
-        {[](emstructuneq& u) { u.mu(2, 2) = 1e160; }, "mean of component 2 is not finite or too large (1e+160)"},
-        {[](emstructuneq& u) { u.mu(1, 1) = -INFINITY; }, "mean of component 1 is not finite or too large (-inf)"},
-        {[](emstructuneq& u) { u.sigma[2].comp(2, 2) = -0.3; }, "covariance of component 2 has a variance that is not positive (-0.3)"},
-        {[](emstructuneq& u) { u.sigma[1].comp(1, 2) = u.sigma[1].comp(2, 1) = 2; }, "covariance of component 1 is singular or not positive definite"},
-        {[](emstructuneq& u) { u.sigma[2].comp = mat(2, 2, {1, 1, 1, 1}); }, "covariance of component 2 is singular or not positive definite"},
-        {[](emstructuneq& u) { u.sigma[1].comp(1, 2) = 0.6; }, "covariance of component 1 is not symmetric"},
-        {[](emstructuneq& u) { u.sigma[1].comp(2, 1) = NAN; }, "covariance of component 1 holds a value that is not a finite number (nan)"},
+    EXPECT_EQ(mixture_problem(valid_uneq().per_component()), "");
+    EXPECT_EQ(mixture_problem(valid_uneq().common()), "");
+    const std::vector<std::pair<std::function<void(Parts&)>, std::string>> cases = {
+        {[](Parts& u) { u.pi(1) = 0.0, u.pi(2) = 1.0; }, ""},
+        {[](Parts& u) { u.pi(1) = 1.2, u.pi(2) = -0.2; }, "proportion of component 2 is negative (-0.2)"},
+        {[](Parts& u) { u.pi(1) = NAN; }, "proportion of component 1 is not a finite number (nan)"},
+        {[](Parts& u) { u.pi(2) = 0.6; }, "the proportions do not sum to 1 (0.933333)"},
+        {[](Parts& u) { u.pi(2) = 0.6676; }, ""},  // a sum of 1.000933 is within 1e-3
+        {[](Parts& u) { u.mu(2, 2) = 1e160; }, "mean of component 2 is not finite or too large (1e+160)"},
+        {[](Parts& u) { u.mu(1, 1) = -INFINITY; }, "mean of component 1 is not finite or too large (-inf)"},
+        {[](Parts& u) { u.sigma[2].comp(2, 2) = -0.3; }, "covariance of component 2 has a variance that is not positive (-0.3)"},
+        {[](Parts& u) { u.sigma[1].comp(1, 2) = u.sigma[1].comp(2, 1) = 2; }, "covariance of component 1 is singular or not positive definite"},
+        {[](Parts& u) { u.sigma[2].comp = mat(2, 2, {1, 1, 1, 1}); }, "covariance of component 2 is singular or not positive definite"},
+        {[](Parts& u) { u.sigma[1].comp(1, 2) = 0.6; }, "covariance of component 1 is not symmetric"},
+        {[](Parts& u) { u.sigma[1].comp(2, 1) = NAN; }, "covariance of component 1 holds a value that is not a finite number (nan)"},
         // The first problem in the order proportions, means, covariances.
-        {[](emstructuneq& u) { u.sigma[1].comp(1, 1) = 0, u.mu(2, 1) = NAN, u.pi(1) = -1; }, "proportion of component 1 is negative (-1)"},
+        {[](Parts& u) { u.sigma[1].comp(1, 1) = 0, u.mu(2, 1) = NAN, u.pi(1) = -1; }, "proportion of component 1 is negative (-1)"},
     };
     for (const auto& [spoil, message] : cases) {
-        emstructuneq u = valid_uneq();
+        Parts u = valid_uneq();
         spoil(u);
-        EXPECT_EQ(mixture_problem(u), message);
+        EXPECT_EQ(mixture_problem(u.per_component()), message);
         // The common-covariance record takes the second covariance as its common one.
         const std::string common = message.find("covariance of component 1") == 0 ? ""
                                    : message.find("covariance of component 2") == 0 ? "the common covariance" + message.substr(25)
                                                                                    : message;
-        EXPECT_EQ(mixture_problem(emstruct{u.mu, u.sigma[2].comp, u.pi, 0.0}), common) << message;
+        EXPECT_EQ(mixture_problem(u.common()), common) << message;
     }
 }
 
