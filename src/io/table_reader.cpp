@@ -36,22 +36,23 @@ bool separates_evenly(const std::vector<Line>& lines, char separator)
     return first == count || first + 1 == count;
 }
 
-bool in_every_line(const std::vector<Line>& lines, char separator)
+// Whether the separator is in the first line and in most of the others.
+bool in_most_lines(const std::vector<Line>& lines, char separator)
 {
-    for (const Line& line : lines)
-        if (table::count_separators(line, separator) == 0) return false;
-    return true;
+    std::size_t with = 0;
+    for (const Line& line : lines) with += table::count_separators(line, separator) > 0;
+    return table::count_separators(lines[0], separator) > 0 && 2 * with > lines.size();
 }
 
 // The first of tab, ';' and ',' that separates the lines evenly; else the
-// first found in every line (a ragged row among them is then named by its
-// count of fields); else blanks.
+// first found in the first line and in most of the others (a ragged row
+// among them is then named by its count of fields); else blanks.
 char detect_separator(const std::vector<Line>& lines)
 {
     for (const char separator : {'\t', ';', ','})
         if (separates_evenly(lines, separator)) return separator;
     for (const char separator : {'\t', ';', ','})
-        if (in_every_line(lines, separator)) return separator;
+        if (in_most_lines(lines, separator)) return separator;
     return ' ';
 }
 

@@ -16,6 +16,14 @@
 
 using namespace mixrank;
 
+// The start BestStart picks, offered the logliks in table order.
+static int best_start(const std::vector<double>& logliks)
+{
+    BestStart best;
+    for (double l : logliks) best.offer(l);
+    return best.index();
+}
+
 TEST(EmsrBestStart, TiesNaNAbandonedFitsAndTheSinglePrecisionBest)
 {
     const double nan = NAN, gone = kAbandonedLoglik;

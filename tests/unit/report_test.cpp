@@ -104,6 +104,12 @@ TEST(Report, ScreenTableAndFileBytes)
     EXPECT_EQ(out.str(), kScreen + "...........3");
     EXPECT_EQ(dir.read("tab.equal.risk"), kFile);
     EXPECT_EQ(out.precision(), 2);  // the table's precision stays set on the stream
-    std::ostringstream quiet;  // a name that begins with ".dat" is not cut, and nothing is said
-    EXPECT_EQ(report_file_name(".dat.dat", "", quiet) + "|" + quiet.str(), ".dat.dat..risk|");
+    // A name that begins with ".dat" is not cut, and the report says nothing of it.
+    EXPECT_EQ(report_file_name(".dat.dat", ""), ".dat.dat..risk");
+    EXPECT_EQ(dat_position(".dat.dat"), 0);
+    EXPECT_EQ(dat_position("my.data.dat"), 2);
+    EXPECT_EQ(dat_position("points.txt"), -1);
+    std::ostringstream quiet;
+    report(small_table(), 7.5, 2, ".dat.dat", "", quiet);
+    EXPECT_EQ(quiet.str(), kScreen);
 }
