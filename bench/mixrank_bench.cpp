@@ -37,8 +37,9 @@
 #include "io/param_file.h"
 #include "data/preparation.h"
 #include "risk/kernel.h"
-#include "risk/risk_loop.h"
-#include "starts/emsr.h"
+#include "driver/risk_step.h"
+#include "driver/emsr.h"
+#include "starts/multi_start.h"
 
 namespace {
 

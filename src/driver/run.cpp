@@ -26,8 +26,9 @@
 #include "risk/blas_workspace.h"
 #include "risk/kernel.h"
 #include "risk/report.h"
-#include "risk/risk_loop.h"
-#include "starts/emsr.h"
+#include "driver/risk_step.h"
+#include "driver/emsr.h"
+#include "starts/multi_start.h"
 #include "starts/linkage.h"
 
 namespace mixrank {

@@ -4,7 +4,7 @@
 #include <ostream>
 #include <string>
 
-#include "risk/risk_loop.h"
+#include "driver/risk_step.h"
 
 namespace mixrank {
 

@@ -16,9 +16,10 @@
 #include "data/preparation.h"
 #include "io/data_reader.h"
 #include "io_scratch.h"
-#include "risk/risk_loop.h"
+#include "driver/risk_step.h"
 #include "risk_support.h"
-#include "starts/emsr.h"
+#include "driver/emsr.h"
+#include "starts/multi_start.h"
 
 using namespace risk_support;
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 
-#include "risk/risk_loop.h"
+#include "driver/risk_step.h"
 #include "risk/score.h"
 #include "risk_support.h"
 

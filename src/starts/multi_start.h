@@ -1,8 +1,7 @@
-// The own estimator: for g = 1..max fit EM from many starts, keep the best
-// and append it to the parameter stream, one whole record and one flush per
-// g. The caller owns the stream (and the file behind it); paramfile only
-// names it in the messages. A record that cannot be written (the stream goes
-// bad) ends the fitting early; the caller reports it.
+// Multi-start fitting: for g = 1..max, EM from the three linkage starts, the
+// K-means starts and the random starts, on worker threads, and the best
+// start of each g in table order. Prints nothing; the caller hears of each g
+// through Progress.
 #pragma once
 
 #include <cstddef>
@@ -16,11 +15,12 @@
 
 namespace mixrank {
 
-void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, int max, int kmn, int rnd,
-          char method, RandomStream& random);
+// RunError for negative numbers of starts and more than 20 components of
+// the per-component model.
+void check_fit_settings(int max, int kmn, int rnd, CovarianceModel model);
 
-// The fitting behind it, printing nothing: the best fit of every g = 1..max,
-// reported through progress as it comes, in table order.
+// The best fit of every g = 1..max, reported through progress as it comes,
+// in table order.
 std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd,
                                 RandomStream& random, StartChoice choice, const Progress& progress);
 

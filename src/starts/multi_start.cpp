@@ -1,21 +1,17 @@
-#include "starts/emsr.h"
+#include "starts/multi_start.h"
 
-#include <cstddef>
-#include <cstdint>
-#include <exception>
-#include <iostream>
-#include <memory>
-#include <sstream>
 #include <cmath>
+#include <cstddef>
+#include <exception>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "common/format.h"
 #include "common/library_errors.h"
+#include "common/settings.h"
 #include "common/task_board.h"
 #include "data/preparation.h"
-#include "common/settings.h"
-#include "io/param_file.h"
 #include "mixture/em.h"
 #include "mixture/mixture.h"
 #include "starts/kmeans.h"
@@ -248,21 +244,9 @@ private:
 
 const std::string CountFits::kRules = "sca";
 
-// Appends one record to the parameter stream with a single write and a single
-// flush, so that the file holds whole records only.
-bool append_record(std::ostream& param, const Mixture& final)
-{
-    std::ostringstream record;
-    write_block(record, final);
-    param << record.str();
-    return static_cast<bool>(param.flush());
-}
+}  // namespace
 
-// Thrown by the classic estimator's callback to stop after a record that
-// could not be written.
-struct RecordNotWritten {};
-
-void check_settings(int max, int kmn, int rnd, CovarianceModel model)
+void check_fit_settings(int max, int kmn, int rnd, CovarianceModel model)
 {
     if (kmn < 0) throw RunError("the number of K-means starts must not be negative");
     if (rnd < 0) throw RunError("the number of random starts must not be negative");
@@ -270,12 +254,10 @@ void check_settings(int max, int kmn, int rnd, CovarianceModel model)
         throw RunError("at most 20 components can be fitted with one covariance matrix per component");
 }
 
-}  // namespace
-
 std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd,
                                 RandomStream& random, StartChoice choice, const Progress& progress)
 {
-    check_settings(max, kmn, rnd, model);
+    check_fit_settings(max, kmn, rnd, model);
     CountFits fits(x, model, max, kmn, rnd, random);
     fits.rules_done(progress);
     std::vector<Mixture> best;
@@ -312,36 +294,6 @@ void check_start_memory(std::size_t p, int max, int kmn, int rnd, char method, s
                    std::to_string(max) + " components need " + format("%.1f GB", need / 1e9) +
                    " of memory; only " + format("%.1f GB", static_cast<double>(limit) / 1e9) +
                    " can be used here (ask for fewer starts)");
-}
-
-void emsr(const Matrix& x, const std::string& paramfile, std::ostream& param, int max, int kmn, int rnd,
-          char method, RandomStream& random)
-{
-    const CovarianceModel model = method == 'E' ? CovarianceModel::common : CovarianceModel::per_component;
-    check_settings(max, kmn, rnd, model);
-    std::cout << " Estimating Parameters and putting it in " << paramfile << std::flush;
-    if (method == 'E') {
-        std::cout << " for equal variance setup" << std::endl;
-    } else {
-        // The words follow the file name without a blank, and the line is
-        // not flushed: this is the established output.
-        std::cout << "for unequal variance " << "\n";
-    }
-    Progress progress;
-    progress.count_started = [](int g) {
-        std::cout << " Estimating Parameters for " << g << " components model ...." << std::endl;
-    };
-    progress.start_abandoned = [](int, int, double size) {
-        std::cout << "\n" << size << " to small n " << std::endl;
-    };
-    progress.count_fitted = [&](int, const Mixture& best) {
-        if (!append_record(param, best)) throw RecordNotWritten{};
-    };
-    try {
-        fit_counts(x, model, max, kmn, rnd, random, StartChoice::classic, progress);
-    } catch (const RecordNotWritten&) {
-        // the caller reports the failed write
-    }
 }
 
 }  // namespace mixrank

@@ -1,4 +1,4 @@
-#include "risk/risk_loop.h"
+#include "driver/risk_step.h"
 
 #include <cmath>
 #include <cstddef>
