@@ -53,7 +53,7 @@ std::string scan_options(int argc, char** argv, RunConfig& config, std::ostream&
             case '1': config.EstMethod = 'Y'; break;
             case '2': config.EstMethod = 'N'; break;
             case '3': config.EstMethod = 'E'; break;
-            case 'o': config.output = true; break;
+            case 'o': break;  // accepted, and changes nothing
             default:
                 // For "-" alone this writes the terminating NUL byte.
                 out << "Invalid Option " << arg[1] << " ignored\n";
@@ -83,7 +83,8 @@ void ask_data_settings(RunConfig& config, std::istream& in, std::ostream& out)
     ask(in, out, "\nNo of obs:", "the number of observations", config.obs);
     ask(in, out, "\nNo of dim:", "the dimension", config.dim);
     ask(in, out, "\nTuning h:", "the tuning parameter", config.h);
-    ask(in, out, "dummy:obs :", "the dummy number of observations", config.obs1);
+    int dummy = 0;  // asked for and read, never used
+    ask(in, out, "dummy:obs :", "the dummy number of observations", dummy);
 }
 
 void seed_from_clock(RunConfig& config, std::ostream& out)

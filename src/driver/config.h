@@ -17,8 +17,6 @@ struct RunConfig {
     int nokmn = 10;           // K-means starts
     int nornd = 10;           // random starts
     int nocommandline = 1;    // 1: interactive dialogue
-    bool output = false;      // -o: accepted, read by nothing
-    int obs1{};               // "dummy:obs :" answer, never used
     int obs = 0;              // number of observations n (0: detect from the file)
     int dim = 0;              // dimension d (0: detect from the file)
     double h = 0.5;           // kernel bandwidth ("Tuning h")

@@ -46,9 +46,9 @@ static std::string run(std::vector<std::string> args, const std::string& answers
         std::ostringstream all;
         all << "method=" << c.method << " name=" << c.Methodname << " est=" << c.EstMethod << " g=" << c.max << " k="
             << c.nokmn << " r=" << c.nornd << " n=" << c.obs << " d=" << c.dim << " h=" << c.h << " s=" << c.seed << " i="
-            << c.datafile << " p=" << c.paramfile << " o=" << c.output << " dialogue=" << c.nocommandline << " obs1=" << c.obs1;
+            << c.datafile << " p=" << c.paramfile << " dialogue=" << c.nocommandline << " left=" << in.rdbuf()->in_avail();
         const std::string defaults = " method=E name= est=N g=6 k=10 r=10 n=0 d=0 h=0.5 s=1 i=sample.dat "
-                                     "p=sample.param o=0 dialogue=0 obs1=0 ";
+                                     "p=sample.param dialogue=0 left=0 ";
         std::istringstream words(all.str());
         for (std::string w; words >> w;) s << (defaults.find(" " + w + " ") == std::string::npos ? w + " " : "");
     } catch (const RunExit& e) {
@@ -70,7 +70,7 @@ TEST(Configure, HelpRequestsOptionScanParameterFileNamedAfterTheDataFileAndTheDi
         {{"-h", "0.3", "-i", "x.dat", "-s", "1"}, "h=0.3 i=x.dat |"},  // followed by more: the tuning
         {{"-i", "x.dat", "-help", "0.7", "-s", "2"}, "h=0.7 s=2 i=x.dat |"},
         {{"-unequalXYZ", "-gamma", "9", "-input", "in.dat", "-params", "q.p", "-kk", "4", "-rr", "5", "-nn", "30", "-dd",
-          "3", "-seed", "8", "-3x", "-o"}, "method=U name=unequal est=E g=9 k=4 r=5 n=30 d=3 s=8 i=in.dat p=q.p o=1 |"},
+          "3", "-seed", "8", "-3x", "-o"}, "method=U name=unequal est=E g=9 k=4 r=5 n=30 d=3 s=8 i=in.dat p=q.p |"},
         {{"-equal", "-unequal", "-g", "3", "-g", "9", "-1", "-3", "-s", "1"}, "method=U name=unequal est=E g=9 |"},
         {{"-g", "-u", "-i", "-x", "-s", "3"}, "g=0 s=3 i=-x |"},  // the value is the next argument
         {{"-g", "many", "-h", "wide", "-n", "12abc", "-d", "-2", "-k", "3.9", "-s", "7"}, "g=0 k=3 n=12 d=-2 h=0 s=7 |"},
@@ -87,9 +87,9 @@ TEST(Configure, HelpRequestsOptionScanParameterFileNamedAfterTheDataFileAndTheDi
         {{"-1", "-i", "iris.dat", "-p", "my.param", "-s", "1"}, "est=Y i=iris.dat p=my.param |"},
         {{"-1", "-s", "1", "-e"}, "name=equal est=Y |"},
         // One argument or none: the dialogue asks for the seed, then the data settings in order.
-        {{"-unequal"}, "method=U name=unequal n=12 d=3 h=0.25 s=7 i=pts.dat dialogue=1 obs1=99 |" + kDialogue + kPrompts,
+        {{"-unequal"}, "method=U name=unequal n=12 d=3 h=0.25 s=7 i=pts.dat dialogue=1 left=1 |" + kDialogue + kPrompts,
          "7\npts.dat\n12\n3\n0.25\n99\n"},
-        {{"-x"}, "s=T i=my.dat dialogue=1 obs1=1 |Invalid Option x ignored\n" + kDialogue + kClock + kPrompts, "0 my.dat 0 0 0.5 1"},
+        {{"-x"}, "s=T i=my.dat dialogue=1 |Invalid Option x ignored\n" + kDialogue + kClock + kPrompts, "0 my.dat 0 0 0.5 1"},
         {{"stray"}, no_answer + "seed|" + kDialogue},
         {{"-e"}, no_answer + "number of observations|" + kDialogue + "\nGive the name of the datafile:\nNo of obs:", "5\nd.dat\nmany\n"}};
     srand48(77);
