@@ -397,20 +397,6 @@ Rows rows_of(const Matrix& x)
     return {x.Store(), static_cast<std::size_t>(x.Nrows()), static_cast<std::size_t>(x.Ncols())};
 }
 
-ColumnVector column_vector(const std::vector<double>& labels)
-{
-    ColumnVector grp(static_cast<int>(labels.size()));
-    std::copy(labels.begin(), labels.end(), grp.Store());
-    return grp;
-}
-
-std::vector<ColumnVector> column_vectors(const std::vector<std::vector<double>>& labels)
-{
-    std::vector<ColumnVector> out;
-    for (const auto& l : labels) out.push_back(column_vector(l));
-    return out;
-}
-
 std::string gigabytes(double bytes)
 {
     return format("%.1f GB", bytes / 1e9);
@@ -476,38 +462,6 @@ bool rules_side_by_side(std::size_t rules, std::size_t n, std::size_t p, std::si
 {
     const std::size_t at_once = std::min<std::size_t>(rules, thread_count());
     return at_once > 1 && static_cast<double>(at_once) * linkage_bytes(n, p) <= limit / 2.0;
-}
-
-std::vector<std::vector<std::vector<double>>> linkage_labels(const Matrix& x, int Kmax, int Kmin,
-                                                             const std::string& types, std::size_t limit)
-{
-    const LinkageRules rules(x);
-    std::vector<std::vector<std::vector<double>>> out(types.size());
-    const auto one = [&](std::size_t t) { out[t] = rules.labels(Kmax, Kmin, types[t]); };
-    if (rules_side_by_side(types.size(), static_cast<std::size_t>(x.Nrows()), static_cast<std::size_t>(x.Ncols()),
-                           limit))
-        parallel_for(types.size(), one);
-    else
-        for (std::size_t t = 0; t < types.size(); ++t) one(t);
-    return out;
-}
-
-std::vector<ColumnVector> linkage_partitions(const Matrix& x, int Kmax, int Kmin, char type)
-{
-    return column_vectors(LinkageRules(x).labels(Kmax, Kmin, type));
-}
-
-std::vector<std::vector<ColumnVector>> linkage_partitions(const Matrix& x, int Kmax, int Kmin,
-                                                          const std::string& types)
-{
-    std::vector<std::vector<ColumnVector>> out;
-    for (const auto& rule : linkage_labels(x, Kmax, Kmin, types)) out.push_back(column_vectors(rule));
-    return out;
-}
-
-ColumnVector linkage(const Matrix& x, int K, char type)
-{
-    return linkage_partitions(x, K, K, type).front();
 }
 
 }  // namespace mixrank

@@ -11,20 +11,6 @@
 
 namespace mixrank {
 
-ColumnVector linkage(const Matrix& x, int K, char type);
-
-// The partitions into K = Kmax, Kmax - 1, ..., Kmin groups, in that order,
-// from one merge sequence; entry m equals linkage(x, Kmax - m, type). Empty
-// when Kmin > Kmax. The working memory (the columns of the dissimilarity
-// table that merges have rewritten; at most half an n x n table of doubles)
-// is released before it returns.
-std::vector<ColumnVector> linkage_partitions(const Matrix& x, int Kmax, int Kmin, char type);
-
-// The same for every rule letter of `types`: entry t holds
-// linkage_partitions(x, Kmax, Kmin, types[t]) (see linkage_labels).
-std::vector<std::vector<ColumnVector>> linkage_partitions(const Matrix& x, int Kmax, int Kmin,
-                                                          const std::string& types);
-
 // Bytes of memory a merge sequence may need for n observations of dimension
 // p: at most the lower triangle of the dissimilarities (n (n - 1) / 2
 // doubles, 10 GB at n = 50,000; usually a small part of it is stored at a
@@ -46,8 +32,11 @@ void check_linkage_memory(std::size_t n, std::size_t p, int max, std::size_t lim
 // The merge sequences of several rules on one data set, run by the caller
 // one rule at a time, from any thread: the closest rows of every column are
 // found once, on all threads, when it is made. labels(Kmax, Kmin, type)[m]
-// holds the labels (1..K as doubles) of linkage(x, Kmax - m, type). x must
-// outlive it.
+// holds the labels (1..K as doubles) of the partition into K = Kmax - m
+// groups, K from Kmax down to Kmin, all from one merge sequence (empty when
+// Kmin > Kmax). The working memory (the columns of the dissimilarity table
+// that merges have rewritten; at most half an n x n table of doubles) is
+// released before it returns. x must outlive it.
 class LinkageRules {
 public:
     explicit LinkageRules(const Matrix& x);
@@ -64,14 +53,5 @@ private:
 // fit into half of `limit`.
 bool rules_side_by_side(std::size_t rules, std::size_t n, std::size_t p,
                         std::size_t limit = linkage_memory_limit());
-
-// The same partitions as linkage_partitions for several rules, with the labels
-// in plain arrays: entry [t][m] holds the labels (1..K as doubles) of
-// linkage(x, Kmax - m, types[t]). The rules run side by side when the tables
-// they could need at once fit into half of `limit`; otherwise one after
-// another, each one's first column scans on all threads.
-std::vector<std::vector<std::vector<double>>> linkage_labels(const Matrix& x, int Kmax, int Kmin,
-                                                             const std::string& types,
-                                                             std::size_t limit = linkage_memory_limit());
 
 }  // namespace mixrank

@@ -85,8 +85,7 @@ static void one_at_a_time(const Matrix& x, int max, int kmn, int rnd, bool commo
         for (int ind = 0; ind < (g == 1 ? 1 : kmn + rnd + 3); ++ind) {
             std::vector<double> grp;
             if (g >= 2 && ind < 3) {
-                const ColumnVector labels = linkage(x, g, "sca"[ind]);
-                grp.assign(labels.Store(), labels.Store() + labels.Nrows());
+                grp = LinkageRules(x).labels(g, g, "sca"[ind]).front();
             } else {
                 grp = g >= 2 && ind < kmn + 3 ? kmeans_start(x, g, random) : randomstart(x.Nrows(), g, random);
             }

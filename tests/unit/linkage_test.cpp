@@ -65,21 +65,25 @@ Matrix sample_points(int n, int d, int side, unsigned short* state, double scale
     return x;
 }
 
-std::vector<int> ints(const ColumnVector& v) { return std::vector<int>(v.Store(), v.Store() + v.Nrows()); }
 std::vector<int> ints(const std::vector<double>& v) { return std::vector<int>(v.begin(), v.end()); }
+
+// The partition into K groups from a merge sequence of its own.
+std::vector<int> single(const Matrix& x, int K, char type) { return ints(LinkageRules(x).labels(K, K, type).front()); }
 
 // For every K from n + 1 down to 1 and every rule letter (and one with no rule): one call, and all K from
 // one merge sequence per rule, with the rules side by side and one after another.
 void expect_same_as_reference(const Matrix& x, const std::string& what)
 {
     const int n = x.Nrows();
-    const auto side_by_side = linkage_partitions(x, n + 1, 1, "scax");
-    const auto one_after_another = linkage_labels(x, n + 1, 1, "scax", 0);  // no memory for side by side
+    const LinkageRules rules(x);
+    std::vector<std::vector<std::vector<double>>> side_by_side(4), one_after_another(4);
+    parallel_for(4, [&](std::size_t t) { side_by_side[t] = rules.labels(n + 1, 1, "scax"[t]); });
+    for (std::size_t t = 0; t < 4; ++t) one_after_another[t] = rules.labels(n + 1, 1, "scax"[t]);
     for (int t = 0; t < 4; ++t)
         for (int K = n + 1; K >= 1; --K) {
             const std::vector<int> expected = reference_linkage(x, K, "scax"[t]);
             SCOPED_TRACE(what + " n=" + std::to_string(n) + " K=" + std::to_string(K) + " " + "scax"[t]);
-            ASSERT_EQ(ints(linkage(x, K, "scax"[t])), expected);
+            ASSERT_EQ(single(x, K, "scax"[t]), expected);
             ASSERT_EQ(ints(side_by_side.at(t).at(n + 1 - K)), expected);
             ASSERT_EQ(ints(one_after_another.at(t).at(n + 1 - K)), expected);
         }
@@ -107,7 +111,7 @@ TEST(Linkage, ALargeTableIsReleasedWhenTheCallReturns)
     unsigned short state[3] = {5, 6, 7};
     const Matrix x = sample_points(800, 2, 0, state);
     const std::size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;
-    const std::vector<int> labels = ints(linkage(x, 3, 'a'));
+    const std::vector<int> labels = single(x, 3, 'a');
     EXPECT_LT(mallinfo2().uordblks + mallinfo2().hblkhd, before + 500000);
     EXPECT_EQ(*std::max_element(labels.begin(), labels.end()), 3);
 }
