@@ -155,6 +155,13 @@ TEST(SelectCommand, ReportsAreWrittenWholeAndNeverReplaceTheInput)
     const std::vector<std::string> classes = lines(w.read("out/iris.select.class.csv"));
     ASSERT_EQ(classes.size(), 151u);
     EXPECT_EQ(classes[0], "sepal_length,sepal_width,petal_length,petal_width,label,p1,p2,p3,uncertainty");
+    const Result drawn = select(w, {"iris.csv", "-q", "--model=unequal", "-g", "3", "--output-dir=pics", "--plot"});
+    ASSERT_EQ(drawn.status, 0) << drawn.err;
+    for (const char* picture : {"pics/iris.select.unequal.png", "pics/iris.select.g2.png"}) {
+        EXPECT_NE(drawn.out.find(std::string("picture: ") + picture), std::string::npos) << drawn.out;
+        EXPECT_EQ(w.read(picture).substr(1, 3), "PNG") << picture;
+    }
+    EXPECT_EQ(select(w, {"iris.csv", "--plot"}).status, 2);  // pictures need a directory
     const std::string before = w.read("iris.csv");
     const Result clash = select(w, {"iris.csv", "-q", "--json=iris.csv"});
     EXPECT_EQ(clash.status, 1);
