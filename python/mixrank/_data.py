@@ -19,12 +19,12 @@ def as_data(X) -> np.ndarray:
 
 
 def column_names(X, d: int) -> list:
-    """The columns' names: a data frame's, else "1", "2", ... as mixrank-select
+    """The columns' names: a data frame's, else "V1", "V2", ... as mixrank-select
     names the columns of a file without a header line."""
     names = getattr(X, "columns", None)
     if names is not None and len(names) == d:
         return [str(name) for name in names]
-    return [str(j + 1) for j in range(d)]
+    return [f"V{j + 1}" for j in range(d)]
 
 
 def bandwidth_value(bandwidth):

@@ -56,6 +56,19 @@ private:
     bool set_ = false;
 };
 
+// The matrix library's message, which spans lines, on one line.
+std::string one_line(const std::string& text)
+{
+    std::string out;
+    for (char c : text) {
+        const bool space = c == '\n' || c == '\r' || c == '\t' || c == ' ';
+        if (!space) out += c;
+        else if (!out.empty() && out.back() != ' ') out += ' ';
+    }
+    if (!out.empty() && out.back() == ' ') out.pop_back();
+    return out;
+}
+
 // Runs `work` without the GIL and under the core lock, and turns the
 // library's errors into Python exceptions once the GIL is held again.
 template <class Work>
@@ -72,7 +85,7 @@ auto run_core(Work&& work) -> decltype(work())
             case mixrank::Error::Kind::invalid_data: throw py::value_error(e.what());
             case mixrank::Error::Kind::out_of_memory: PyErr_SetString(PyExc_MemoryError, e.what()); break;
             case mixrank::Error::Kind::matrix_library:
-                PyErr_SetString(PyExc_RuntimeError, (std::string("matrix library: ") + e.what()).c_str());
+                PyErr_SetString(PyExc_RuntimeError, ("matrix library: " + one_line(e.what())).c_str());
                 break;
             case mixrank::Error::Kind::cancelled: PyErr_SetNone(PyExc_KeyboardInterrupt); break;
         }
