@@ -139,7 +139,8 @@ class MixtureSelector(ClusterMixin, BaseEstimator):
 
     def predict_proba(self, X):
         """The posterior probability of each component, shape (n_samples, g)."""
-        return self.selection_.best.posteriors(self._checked(X))
+        X = self._checked(X)
+        return self.selection_.best.posteriors(X)
 
     def predict(self, X):
         """The component of the largest posterior of each row, from 0, shape (n_samples,)."""
@@ -151,7 +152,8 @@ class MixtureSelector(ClusterMixin, BaseEstimator):
 
     def score_samples(self, X):
         """The log density of the recommended mixture at each row, in the data's units, shape (n_samples,)."""
-        return self.selection_.best.log_density(self._checked(X))
+        X = self._checked(X)
+        return self.selection_.best.log_density(X)
 
     def fit_predict(self, X, y=None):
         """Fit and return ``labels_``."""
