@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, when missing.
 set -euo pipefail
-packages=(cmake g++ make libnewmat10-dev libopenblas-dev libgtest-dev googletest gnuplot-nox "$@")
+packages=(cmake g++ make libnewmat10-dev libopenblas-dev libgtest-dev googletest gnuplot-nox
+          pybind11-dev python3-pybind11 python3-numpy python3-pytest python3-sklearn python3-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -1,0 +1,162 @@
+"""mixrank.select against the programs, and its errors, threads, output and progress."""
+
+import json
+import subprocess
+
+import numpy as np
+import pytest
+
+import mixrank
+
+
+def program_json(build_dir, tmp_path, X, *options):
+    data = tmp_path / "data.csv"
+    np.savetxt(data, X, delimiter=",", fmt="%.17g")
+    report = tmp_path / "report.json"
+    subprocess.run([str(build_dir / "mixrank-select"), "--quiet", f"--json={report}", *options, str(data)],
+                   check=True, stdout=subprocess.DEVNULL)
+    result = json.loads(report.read_text())
+    for key in ("program", "version"):
+        del result[key]
+    del result["input"]["path"]
+    return result
+
+
+@pytest.mark.parametrize("options, keywords", [
+    ((), {}),
+    (("--model=unequal", "-g", "3", "--bandwidth=0.7", "--criterion=aic", "--kmeans-starts=3",
+      "--random-starts=2", "--seed=7"),
+     dict(model="unequal", max_components=3, bandwidth=0.7, criterion="aic", kmeans_starts=3, random_starts=2,
+          seed=7)),
+])
+def test_to_dict_equals_the_json_report(build_dir, tmp_path, iris, options, keywords):
+    expected = program_json(build_dir, tmp_path, iris, *options)
+    got = mixrank.select(iris, **keywords).to_dict()
+    assert got == expected
+    assert json.loads(json.dumps(got)) == expected
+
+
+def test_equal_model_matches_the_classic_risk_table(build_dir, tmp_path, source_dir, iris):
+    (tmp_path / "iris.dat").write_bytes((source_dir / "examples" / "iris.dat").read_bytes())
+    subprocess.run([str(build_dir / "mixrank"), "-equal", "-2", "-g", "6", "-i", "iris.dat", "-p", "p.param",
+                    "-s", "1"], cwd=tmp_path, check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+    lines = (tmp_path / "iris.equal.risk").read_text().splitlines()[1:]
+    classic = [line.split() for line in lines if line.strip()]
+    s = mixrank.select(iris, model="equal", max_components=6, bandwidth=0.5, seed=1)
+    t = s.table
+    ours = [[f"{t[c][i]:.8f}" for c in ("q", "distance", "mlf", "ee", "qaic", "qbic", "loglik", "aic", "bic")]
+            + [f"{s.sdof:.8f}"] for i in range(6)]
+    assert ours == classic
+
+
+def test_selection_attributes_hold_together(iris):
+    s = mixrank.select(iris, max_components=3)
+    assert list(s.table) == list(mixrank.TABLE_COLUMNS)
+    assert list(s.table["model"]) == ["equal"] * 3 + ["unequal"] * 3
+    assert s.table["g"].dtype == np.int64 and list(s.table["g"]) == [1, 2, 3] * 2
+    records = s.table_records()
+    assert records.shape == (6,) and np.array_equal(records["qbic"], s.table["qbic"])
+    r = s.recommended
+    best = s.best
+    assert (best.model, best.g) == (r.model, r.g)
+    i = [j for j in range(6) if s.table["model"][j] == r.model and s.table["g"][j] == r.g][0]
+    assert s.table["qbic"][i] == r.value == min(s.table["qbic"])
+    assert r.margin == r.runner_up.value - r.value > 0
+    assert best.means.shape == (r.g, 4) and best.weights.shape == (r.g,)
+    assert best.covariances.shape == ((4, 4) if r.model == "equal" else (r.g, 4, 4))
+    assert np.isclose(best.weights.sum(), 1.0)
+    assert s.labels.shape == (150,) and s.labels.min() >= 0 and s.labels.max() < r.g
+    assert np.allclose(s.posteriors.sum(axis=1), 1.0)
+    assert np.array_equal(s.to_dict()["classification"]["labels"], (s.labels + 1).tolist())
+    assert s.mixtures[4].covariances.shape == (2, 4, 4) and s.mixtures[1].covariances.shape == (4, 4)
+
+
+def test_layout_and_dtype_do_not_change_the_result(iris):
+    plain = mixrank.select(iris, max_components=2).to_dict()
+    assert mixrank.select(np.asfortranarray(iris), max_components=2).to_dict() == plain
+    assert mixrank.select(iris.tolist(), max_components=2).to_dict() == plain
+    strided = np.zeros((150, 8))
+    strided[:, ::2] = iris
+    assert mixrank.select(strided[:, ::2], max_components=2).to_dict() == plain
+
+
+def test_results_do_not_depend_on_the_threads(iris):
+    one = mixrank.select(iris, max_components=4, threads=1).to_dict()
+    two = mixrank.select(iris, max_components=4, threads=2).to_dict()
+    assert one == two
+
+
+@pytest.mark.parametrize("change, message", [
+    (lambda X: X.__setitem__((4, 2), np.nan), r"row 5, column 3 is not a finite number"),
+    (lambda X: X.__setitem__((7, 0), np.inf), r"row 8, column 1"),
+    (lambda X: X.__setitem__((slice(None), 3), 2.5), r"column 4 is constant"),
+])
+def test_bad_data_is_a_value_error_naming_where(iris, change, message):
+    X = iris.copy()
+    change(X)
+    with pytest.raises(ValueError, match=message):
+        mixrank.select(X, max_components=1)
+
+
+@pytest.mark.parametrize("X, keywords, message", [
+    ("iris2", {}, "at least 3"),
+    ("iris1d", {}, "2-d"),
+    ("iris", {"model": "diagonal"}, "'equal' or 'unequal'"),
+    ("iris", {"criterion": "icl"}, "criterion"),
+    ("iris", {"bandwidth": "silverman"}, "bandwidth"),
+    ("iris", {"bandwidth": -1.0}, "bandwidth"),
+    ("iris", {"max_components": 0}, "at least 1"),
+    ("iris", {"fit": "fast"}, "fit must be 'classic'"),
+    ("iris", {"threads": 0}, "threads"),
+])
+def test_bad_settings_are_value_errors(iris, X, keywords, message):
+    data = {"iris": iris, "iris2": iris[:2], "iris1d": iris[:, 0]}[X]
+    with pytest.raises(ValueError, match=message):
+        mixrank.select(data, **{"max_components": 1, **keywords})
+
+
+def test_nothing_is_written_on_standard_output(capfd, iris):
+    s = mixrank.select(iris, max_components=2)
+    mixrank.score(iris, s.mixtures, 0.5)
+    mixrank.classify(iris, s.best)
+    mixrank.sdof(iris, 0.5)
+    out, err = capfd.readouterr()
+    assert out == "" and err == ""
+
+
+def test_progress_callable_sees_phases_and_fits(iris):
+    calls = []
+    mixrank.select(iris, max_components=3, progress=lambda phase, detail: calls.append((phase, detail)))
+    phases = [phase for phase, detail in calls if detail == ""]
+    assert phases == ["choosing the bandwidth", "evaluating the kernel", "fitting with common covariance",
+                      "fitting with per-component covariances", "scoring", "done"]
+    assert ("fitting with common covariance", "g = 3 done") in calls
+    assert ("fitting with per-component covariances", "g = 2 started") in calls
+
+
+def test_progress_true_draws_one_line_on_standard_error(capfd, iris):
+    mixrank.select(iris, max_components=2, progress=True)
+    out, err = capfd.readouterr()
+    assert out == ""
+    assert "\rfitting with common covariance" in err and "\n" not in err
+    assert err.endswith("\r")
+
+
+class Stop(Exception):
+    pass
+
+
+@pytest.mark.parametrize("error", [Stop, KeyboardInterrupt])
+def test_an_exception_in_the_callback_stops_the_work(iris, error):
+    calls = []
+
+    def progress(phase, detail):
+        calls.append(phase)
+        if phase.startswith("fitting"):
+            raise error("stop here")
+
+    with pytest.raises(error, match="stop here"):
+        mixrank.select(iris, max_components=4, progress=progress)
+    assert calls == ["choosing the bandwidth", "evaluating the kernel", "fitting with common covariance"]
+    # The module is usable afterwards.
+    assert mixrank.select(iris, max_components=1).recommended.g == 1
