@@ -28,6 +28,8 @@ const char kHelp[] =
     "      --random-starts=R     random starts per g (default: 10)\n"
     "      --seed=S              seed of the random starts (default: 1)\n"
     "      --threads=N           worker threads (default: all, or OMP_NUM_THREADS)\n"
+    "      --fit=F               converge (default: EM to convergence) or classic (the\n"
+    "                            classic mixrank's fits and table exactly)\n"
     "Scoring:\n"
     "      --bandwidth=H|auto    kernel bandwidth (default: auto, see mixrank-select(1))\n"
     "      --criterion=C         qbic, qaic, bic or aic: what the recommendation minimises\n"
@@ -114,7 +116,11 @@ void set_option(SelectOptions& o, const std::string& name, const std::string& va
     else if (name == "--kmeans-starts") s.starts.kmeans_starts = static_cast<int>(whole(name, value, 0, 100000));
     else if (name == "--random-starts") s.starts.random_starts = static_cast<int>(whole(name, value, 0, 100000));
     else if (name == "--seed") s.seed = static_cast<unsigned>(whole(name, value, 0, UINT_MAX));
-    else if (name == "--threads") o.threads = static_cast<int>(whole(name, value, 1, 4096));
+    else if (name == "--fit") {
+        if (value == "converge") s.starts.fitting = Fitting::converge;
+        else if (value == "classic") s.starts.fitting = Fitting::classic;
+        else usage("option '--fit' needs 'converge' or 'classic', not '" + value + "'");
+    } else if (name == "--threads") o.threads = static_cast<int>(whole(name, value, 1, 4096));
     else if (name == "--bandwidth") s.bandwidth = value == "auto" ? std::nan("") : positive(name, value);
     else if (name == "--criterion") {
         if (value == "qbic") s.criterion = Criterion::qbic;
@@ -140,7 +146,7 @@ bool takes_value(const std::string& name)
     static const char* const names[] = {"--sep", "--columns", "--model", "--max-components", "-g",
                                         "--kmeans-starts", "--random-starts", "--seed", "--threads",
                                         "--bandwidth", "--criterion", "--json", "--csv", "--class-csv",
-                                        "--output-dir", "--classify"};
+                                        "--output-dir", "--classify", "--fit"};
     for (const char* n : names)
         if (name == n) return true;
     return false;

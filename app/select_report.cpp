@@ -168,6 +168,7 @@ void write_settings(JsonWriter& j, const SelectRun& run)
     j.key("max_components").value(s.max_components);
     j.key("bandwidth").value(std::isnan(s.bandwidth) ? std::string("auto") : format("%.17g", s.bandwidth));
     j.key("criterion").value(criterion_name(s.criterion));
+    j.key("fit").value(s.starts.fitting == Fitting::classic ? "classic" : "converge");
     j.key("seed").value(s.seed);
     j.key("starts").begin_object();
     j.key("linkage").value(3);

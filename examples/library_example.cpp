@@ -25,6 +25,7 @@ int main(int argc, char** argv)
         const mixrank::Data data = mixrank::prepare_data(values.data(), values.size() / d, d);
         mixrank::RandomStream random(1);
         mixrank::StartSettings starts;
+        starts.fitting = mixrank::Fitting::classic;  // the classic program's fits
         starts.choice = mixrank::StartChoice::classic;
         const std::vector<mixrank::Mixture> fits =
             mixrank::fit_mixtures(data, mixrank::CovarianceModel::common, 6, starts, random);

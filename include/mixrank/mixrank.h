@@ -148,11 +148,26 @@ enum class StartChoice {
     classic,
 };
 
+// How far EM goes.
+enum class Fitting {
+    // To convergence: every start for up to 99 passes, stopped when the
+    // Aitken-extrapolated limit of the log-likelihood lies within 1e-8 of it
+    // (relative, on either side); then the five best starts and up to three
+    // more that are still climbing go on, to convergence or 5,000 passes in
+    // all. The best start is the largest finite log-likelihood in double
+    // precision (a degenerate or singular start never wins).
+    converge,
+    // As the classic program: at most 99 passes, stopped by the signed
+    // Aitken test, and the best start chosen by `choice`.
+    classic,
+};
+
 // The starts of every g >= 2, besides the three hierarchical-linkage ones.
 struct StartSettings {
     int kmeans_starts = 10;
     int random_starts = 10;
-    StartChoice choice = StartChoice::best_finite;
+    Fitting fitting = Fitting::converge;
+    StartChoice choice = StartChoice::best_finite;  // with Fitting::classic
 };
 
 // Callbacks of the long computations; every one may be left empty. They are

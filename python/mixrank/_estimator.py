@@ -45,7 +45,7 @@ class MixtureSelector(ClusterMixin, BaseEstimator):
     ----------
     model, max_components, bandwidth, kmeans_starts, random_starts, seed, criterion, threads, progress
         As for :func:`mixrank.select`.
-    fitting : {"classic"}, default "classic"
+    fitting : {"converge", "classic"}, default "converge"
         :func:`mixrank.select`'s ``fit`` (renamed: ``fit`` is the method).
 
     Attributes
@@ -84,7 +84,7 @@ class MixtureSelector(ClusterMixin, BaseEstimator):
     """
 
     def __init__(self, *, model="both", max_components=6, bandwidth="auto", kmeans_starts=10,
-                 random_starts=10, seed=1, criterion="qbic", threads=None, progress=None, fitting="classic"):
+                 random_starts=10, seed=1, criterion="qbic", threads=None, progress=None, fitting="converge"):
         self.model = model
         self.max_components = max_components
         self.bandwidth = bandwidth

@@ -167,7 +167,7 @@ def _models(model) -> list:
 
 def select(X, *, model="both", max_components: int = 6, bandwidth="auto", kmeans_starts: int = 10,
            random_starts: int = 10, seed: int = 1, criterion: str = "qbic", threads: Optional[int] = None,
-           progress=None, fit: str = "classic") -> Selection:
+           progress=None, fit: str = "converge") -> Selection:
     """Fit normal mixtures for g = 1..max_components, score them and recommend one.
 
     The same computation as the ``mixrank-select`` program, on an array.
@@ -202,8 +202,11 @@ def select(X, *, model="both", max_components: int = 6, bandwidth="auto", kmeans
         callable is called as ``progress(phase, detail)`` with two strings.
         An exception raised by the callable stops the computation and is
         raised again here.
-    fit : {"classic"}, default "classic"
-        The fitting procedure: the classic EM (the only one so far).
+    fit : {"converge", "classic"}, default "converge"
+        "converge" runs EM to convergence (every start for up to 99 passes,
+        then the five best and up to three still climbing on to convergence
+        or 5,000 passes, the best by its log-likelihood); "classic" gives the
+        classic mixrank program's fits and table exactly.
 
     Returns
     -------

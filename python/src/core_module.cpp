@@ -129,7 +129,8 @@ py::dict select_models(const Array& x, const py::list& models, int max_component
                 const py::object& threads, const py::object& progress, const std::string& fit)
 {
     checked(x);
-    if (fit != "classic") throw py::value_error("fit must be 'classic', not '" + fit + "'");
+    if (fit != "classic" && fit != "converge")
+        throw py::value_error("fit must be 'converge' or 'classic', not '" + fit + "'");
     SelectOutcome o;
     o.settings.models.clear();
     for (py::handle m : models) o.settings.models.push_back(model_of(m.cast<std::string>()));
@@ -138,6 +139,7 @@ py::dict select_models(const Array& x, const py::list& models, int max_component
     o.settings.starts.kmeans_starts = kmeans_starts;
     o.settings.starts.random_starts = random_starts;
     o.settings.seed = seed;
+    o.settings.starts.fitting = fit == "classic" ? mixrank::Fitting::classic : mixrank::Fitting::converge;
     o.settings.criterion = criterion_of(criterion);
     const std::optional<int> limit = threads_of(threads);
     ProgressBridge bridge(progress);

@@ -43,6 +43,7 @@ py::dict settings_dict(const mixrank::SelectSettings& s)
     d["max_components"] = s.max_components;
     d["bandwidth"] = bandwidth;
     d["criterion"] = criterion_name(s.criterion);
+    d["fit"] = s.starts.fitting == mixrank::Fitting::classic ? "classic" : "converge";
     d["seed"] = s.seed;
     d["starts"] = starts;
     return d;

@@ -25,9 +25,9 @@ def program_json(build_dir, tmp_path, X, *options):
 @pytest.mark.parametrize("options, keywords", [
     ((), {}),
     (("--model=unequal", "-g", "3", "--bandwidth=0.7", "--criterion=aic", "--kmeans-starts=3",
-      "--random-starts=2", "--seed=7"),
+      "--random-starts=2", "--seed=7", "--fit=classic"),
      dict(model="unequal", max_components=3, bandwidth=0.7, criterion="aic", kmeans_starts=3, random_starts=2,
-          seed=7)),
+          seed=7, fit="classic")),
 ])
 def test_to_dict_equals_the_json_report(build_dir, tmp_path, iris, options, keywords):
     expected = program_json(build_dir, tmp_path, iris, *options)
@@ -42,7 +42,7 @@ def test_equal_model_matches_the_classic_risk_table(build_dir, tmp_path, source_
                     "-s", "1"], cwd=tmp_path, check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
     lines = (tmp_path / "iris.equal.risk").read_text().splitlines()[1:]
     classic = [line.split() for line in lines if line.strip()]
-    s = mixrank.select(iris, model="equal", max_components=6, bandwidth=0.5, seed=1)
+    s = mixrank.select(iris, model="equal", max_components=6, bandwidth=0.5, seed=1, fit="classic")
     t = s.table
     ours = [[f"{t[c][i]:.8f}" for c in ("q", "distance", "mlf", "ee", "qaic", "qbic", "loglik", "aic", "bic")]
             + [f"{s.sdof:.8f}"] for i in range(6)]
@@ -106,7 +106,7 @@ def test_bad_data_is_a_value_error_naming_where(iris, change, message):
     ("iris", {"bandwidth": "silverman"}, "bandwidth"),
     ("iris", {"bandwidth": -1.0}, "bandwidth"),
     ("iris", {"max_components": 0}, "at least 1"),
-    ("iris", {"fit": "fast"}, "fit must be 'classic'"),
+    ("iris", {"fit": "fast"}, "fit must be 'converge' or 'classic'"),
     ("iris", {"threads": 0}, "threads"),
 ])
 def test_bad_settings_are_value_errors(iris, X, keywords, message):

@@ -253,13 +253,42 @@ StartFit started_fit(State& s, CovarianceModel model, std::vector<std::vector<do
 {
     StartFit fit;
     if (s.abandoned) fit.abandoned_size = s.abandoned_size;
+    fit.sizes = s.nk;
+    fit.l_i = s.l_i;
+    fit.l_i1 = s.l_i1;
+    fit.l_i2 = s.l_i2;
+    fit.iterations = s.iterations;
     fit.mixture = finished(s, model, std::move(sigma));
     return fit;
 }
 
+// The state a fit stopped in, back in working form.
+void resume_state(const FitData& x, const StartFit& from, State& s)
+{
+    const Mixture& m = from.mixture;
+    s.resize(x.n(), m.components, m.dimension);
+    s.mu = m.means;
+    s.pi = m.weights;
+    s.nk = from.sizes;
+    s.l_i = from.l_i;
+    s.l_i1 = from.l_i1;
+    s.l_i2 = from.l_i2;
+    s.iterations = from.iterations;
+}
+
+std::vector<std::vector<double>> covariances_of(const Mixture& m)
+{
+    const std::size_t dd = static_cast<std::size_t>(m.dimension) * static_cast<std::size_t>(m.dimension);
+    std::vector<std::vector<double>> out;
+    for (std::size_t at = 0; at < m.covariances.size(); at += dd)
+        out.emplace_back(m.covariances.begin() + static_cast<std::ptrdiff_t>(at),
+                         m.covariances.begin() + static_cast<std::ptrdiff_t>(at + dd));
+    return out;
+}
+
 }  // namespace
 
-StartFit fit_common(const FitData& x, const double* grp, int K)
+StartFit fit_common(const FitData& x, const double* grp, int K, const em_pass::Stopping& stop)
 {
     check_shape(x.p(), K);
     State s;
@@ -267,11 +296,11 @@ StartFit fit_common(const FitData& x, const double* grp, int K)
     start_from_partition(x, grp, K, s);
     total_covariance(x, s, sigma);
     CommonCovariance model(sigma, K, x.p(), false);
-    em_pass::run(x, s, model, true);
+    em_pass::run(x, s, model, true, stop);
     return started_fit(s, CovarianceModel::common, {std::move(sigma)});
 }
 
-StartFit fit_components(const FitData& x, const double* grp, int K)
+StartFit fit_components(const FitData& x, const double* grp, int K, const em_pass::Stopping& stop)
 {
     check_shape(x.p(), K);
     require(K <= kMaxUnequalComponents, "component covariances allow at most " +
@@ -282,8 +311,28 @@ StartFit fit_components(const FitData& x, const double* grp, int K)
     start_from_partition(x, grp, K, s);
     group_covariances(x, grp, s, sigma);
     ComponentCovariances model(sigma, x.p());
-    em_pass::run(x, s, model, true);
+    em_pass::run(x, s, model, true, stop);
     return started_fit(s, CovarianceModel::per_component, std::move(sigma));
+}
+
+StartFit continue_fit(const FitData& x, const StartFit& from, const em_pass::Stopping& stop)
+{
+    if (from.mixture.status != FitStatus::pass_limit) return from;
+    State s;
+    resume_state(x, from, s);
+    std::vector<std::vector<double>> sigma = covariances_of(from.mixture);
+    StartFit fit;
+    if (from.mixture.model == CovarianceModel::common) {
+        CommonCovariance model(sigma.front(), s.K, x.p(), false);
+        em_pass::run(x, s, model, true, stop);
+        fit = started_fit(s, CovarianceModel::common, std::move(sigma));
+    } else {
+        ComponentCovariances model(sigma, x.p());
+        em_pass::run(x, s, model, true, stop);
+        fit = started_fit(s, CovarianceModel::per_component, std::move(sigma));
+    }
+    fit.mixture.start = from.mixture.start;
+    return fit;
 }
 
 void RefusedCovariance::repeat_with_library() const

@@ -22,13 +22,24 @@ Mixture em_from_initial_estimates(const Matrix& x, Matrix mu, Matrix sigma, Colu
 struct StartFit {
     Mixture mixture;
     double abandoned_size = std::numeric_limits<double>::quiet_NaN();
+    // Where EM stood when it stopped, so that continue_fit can go on from
+    // there exactly as if it had not stopped: the sizes, the last three
+    // log-likelihoods and the pass count.
+    std::vector<double> sizes;
+    double l_i = 0.0, l_i1 = 0.0, l_i2 = 0.0;
+    int iterations = 1;
 };
 
 // EM from a partition of the rows into K groups (labels 1..K, one per row).
 // These run on worker threads: they never call the matrix library (the
 // covariances are inverted by our own routines, in the library's order).
-StartFit fit_common(const FitData& x, const double* grp, int K);
-StartFit fit_components(const FitData& x, const double* grp, int K);
+StartFit fit_common(const FitData& x, const double* grp, int K, const em_pass::Stopping& stop = {});
+StartFit fit_components(const FitData& x, const double* grp, int K, const em_pass::Stopping& stop = {});
+
+// More passes of a fit that stopped at its pass limit, under `stop` (whose
+// pass limit counts all passes, the earlier ones too); a fit that converged
+// or was abandoned comes back as it is.
+StartFit continue_fit(const FitData& x, const StartFit& from, const em_pass::Stopping& stop);
 
 // A covariance met in a fit that the matrix library would refuse to invert
 // (an exactly zero pivot), or whose inverse's determinant would overflow.

@@ -123,11 +123,15 @@ void update_means(const FitData& x, State& s)
     for (std::size_t k = 0; k < K; ++k) s.pi[k] = s.nk[k] * scale;
 }
 
-bool converged(const State& s)
+bool converged(const State& s, const Stopping& stop)
 {
     const double c_i = (s.l_i - s.l_i1) / (s.l_i1 - s.l_i2);
     const double l_inf = (s.l_i1 - s.l_i2) / (1.0 - c_i) + s.l_i2;
-    return l_inf - s.l_i < 1e-06 && s.iterations > 4;
+    if (stop.tolerance <= 0.0) return l_inf - s.l_i < 1e-06 && s.iterations > 4;
+    if (s.iterations <= 4) return false;
+    const double allowed = stop.tolerance * std::fabs(s.l_i);
+    // No change at all leaves the extrapolation undefined: that is converged too.
+    return std::fabs(s.l_i - s.l_i1) <= allowed && (std::fabs(l_inf - s.l_i) <= allowed || s.l_i == s.l_i1);
 }
 
 double smallest_size(const State& s)

@@ -47,8 +47,18 @@ private:
 
 namespace em_pass {
 
-// Passes are counted from 1; a fit makes at most this many.
+// Passes are counted from 1; a fit of the classic program makes at most
+// this many.
 constexpr int kPassLimit = 99;
+
+// When EM stops: after pass_limit passes at most, and with tolerance 0 by
+// the classic signed Aitken test (the extrapolated limit less than 1e-6
+// above the log-likelihood), otherwise when the extrapolated limit lies
+// within tolerance times |log-likelihood| of it, on either side.
+struct Stopping {
+    int pass_limit = kPassLimit;
+    double tolerance = 0.0;
+};
 // A component whose size falls below this ends the fit.
 constexpr double kSmallestSize = 4.0;
 
@@ -78,7 +88,7 @@ double expectation(const FitData& x, const std::vector<NormalDensity>& dens, Sta
 void update_means(const FitData& x, State& s);
 
 // The Aitken stopping rule on l_i2, l_i1, l_i and the pass count.
-bool converged(const State& s);
+bool converged(const State& s, const Stopping& stop);
 
 // The smallest size, found as the matrix library finds a minimum: the first
 // entry, replaced by every later one below it (so a NaN first entry stays).
@@ -92,11 +102,11 @@ bool too_small(const State& s);
 // Model needs: void densities(std::vector<NormalDensity>&) (inverts once)
 // and void update(const FitData& x, const State& s) (covariance M-step).
 template <class Model>
-void run(const FitData& x, State& s, Model& model, bool size_guard)
+void run(const FitData& x, State& s, Model& model, bool size_guard, const Stopping& stop = {})
 {
     std::vector<NormalDensity> dens;
     bool notconverged = true;
-    while (notconverged && s.iterations <= kPassLimit) {
+    while (notconverged && s.iterations <= stop.pass_limit) {
         if (size_guard && too_small(s)) {
             s.l_i = kAbandonedLoglik;
             s.abandoned = true;
@@ -110,7 +120,7 @@ void run(const FitData& x, State& s, Model& model, bool size_guard)
         s.l_i = expectation(x, dens, s);
         update_means(x, s);
         model.update(x, s);
-        if (converged(s)) notconverged = false;
+        if (converged(s, stop)) notconverged = false;
     }
     s.converged = !notconverged;
 }

@@ -1,5 +1,6 @@
 #include "starts/multi_start.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <exception>
@@ -9,6 +10,7 @@
 
 #include "common/format.h"
 #include "common/library_errors.h"
+#include "common/parallel.h"
 #include "common/settings.h"
 #include "common/task_board.h"
 #include "data/preparation.h"
@@ -57,9 +59,50 @@ private:
 };
 
 // The EM routine of the starts of a covariance model.
-StartFit fit_start(CovarianceModel model, const FitData& x, const double* grp, int K)
+StartFit fit_start(CovarianceModel model, const FitData& x, const double* grp, int K, const em_pass::Stopping& stop)
 {
-    return model == CovarianceModel::common ? fit_common(x, grp, K) : fit_components(x, grp, K);
+    return model == CovarianceModel::common ? fit_common(x, grp, K, stop) : fit_components(x, grp, K, stop);
+}
+
+// Fitting to convergence: the first round's stopping rule, the whole fit's,
+// and how many starts go on after the first round.
+constexpr double kTolerance = 1e-8;
+const em_pass::Stopping kFirstRound{em_pass::kPassLimit, kTolerance};
+const em_pass::Stopping kToConvergence{5000, kTolerance};
+constexpr std::size_t kBestContinued = 5, kClimbingContinued = 3;
+
+bool usable(const Mixture& m)
+{
+    return std::isfinite(m.loglik) && m.status != FitStatus::degenerate && m.status != FitStatus::singular;
+}
+
+// The starts that go on to convergence: of the kBestContinued best by
+// log-likelihood, those that stopped at the pass limit, and of the others
+// that did, the kClimbingContinued that gained most in their last pass.
+// Ties go to the earlier start, so the choice is the same on any thread.
+std::vector<std::size_t> to_continue(const std::vector<StartFit>& fits)
+{
+    std::vector<std::size_t> ranked;
+    for (std::size_t i = 0; i < fits.size(); ++i)
+        if (usable(fits[i].mixture)) ranked.push_back(i);
+    std::stable_sort(ranked.begin(), ranked.end(), [&](std::size_t a, std::size_t b) {
+        return fits[a].mixture.loglik > fits[b].mixture.loglik;
+    });
+    std::vector<std::size_t> chosen, climbing;
+    for (std::size_t r = 0; r < ranked.size(); ++r) {
+        const StartFit& f = fits[ranked[r]];
+        if (f.mixture.status != FitStatus::pass_limit) continue;
+        if (r < kBestContinued)
+            chosen.push_back(ranked[r]);
+        else if (f.l_i > f.l_i1)
+            climbing.push_back(ranked[r]);
+    }
+    std::stable_sort(climbing.begin(), climbing.end(), [&](std::size_t a, std::size_t b) {
+        return fits[a].l_i - fits[a].l_i1 > fits[b].l_i - fits[b].l_i1;
+    });
+    if (climbing.size() > kClimbingContinued) climbing.resize(kClimbingContinued);
+    chosen.insert(chosen.end(), climbing.begin(), climbing.end());
+    return chosen;
 }
 
 // Everything random about the starts of one g, drawn from the one stream in
@@ -119,8 +162,9 @@ struct CountWork {
 // starts are done, so it does not depend on the threads.
 class CountFits {
 public:
-    CountFits(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd, RandomStream& random)
-        : model_(model), max_(max), data_(x)
+    CountFits(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd, RandomStream& random,
+              Fitting fitting)
+        : model_(model), fitting_(fitting), max_(max), data_(x)
     {
         if (max >= 2) {
             rules_.reset(new LinkageRules(x));
@@ -165,7 +209,7 @@ public:
             std::exception_ptr failure;
             if (!board_.wait_while(c.task[ind], progress.keep_going, failure))
                 throw Error(Error::Kind::cancelled, "cancelled");
-            if (failure && choice == StartChoice::classic) rethrow_fit_failure(failure);
+            if (failure && choice == StartChoice::classic && fitting_ == Fitting::classic) rethrow_fit_failure(failure);
             if (failure) only_singular(failure, g, c.fits[ind].mixture);
             const StartFit& fit = c.fits[ind];
             // Only the common-covariance fits have always said so.
@@ -175,6 +219,7 @@ public:
             finite.offer(fit.mixture);
         }
         if (c.draws.failure) std::rethrow_exception(c.draws.failure);
+        if (fitting_ == Fitting::converge) return converged_best(g, c);
         const Mixture& classic = c.fits[static_cast<std::size_t>(best.index())].mixture;
         const bool classic_usable = classic.status != FitStatus::degenerate && std::isfinite(classic.loglik);
         const int chosen = choice == StartChoice::classic || classic_usable || !finite.found() ? best.index()
@@ -187,6 +232,26 @@ public:
 
 private:
     static const std::string kRules;
+
+    // The second round of fitting to convergence, then the best start by
+    // its double-precision log-likelihood.
+    Mixture converged_best(int g, CountWork& c)
+    {
+        const std::vector<std::size_t> more = to_continue(c.fits);
+        parallel_for(more.size(), [&](std::size_t k) {
+            StartFit& fit = c.fits[more[k]];
+            try {
+                fit = continue_fit(data_, fit, kToConvergence);
+            } catch (const RefusedCovariance&) {
+                only_singular(std::current_exception(), g, fit.mixture);
+            }
+        });
+        FiniteBest finite;
+        for (const StartFit& fit : c.fits) finite.offer(fit.mixture);
+        Mixture m = c.fits[static_cast<std::size_t>(finite.index())].mixture;
+        m.start = finite.index();
+        return m;
+    }
 
     // A start whose covariance could not be inverted fails alone: a fit of
     // status singular and no values. Any other failure ends the fitting.
@@ -228,10 +293,11 @@ private:
             }
         }
         if (grp == nullptr) grp = own.data();
-        c.fits[ind] = fit_start(model_, data_, grp, g);
+        c.fits[ind] = fit_start(model_, data_, grp, g, fitting_ == Fitting::converge ? kFirstRound : em_pass::Stopping());
     }
 
     CovarianceModel model_;
+    Fitting fitting_;
     int max_;
     std::size_t kmn_ = 0;
     FitData data_;
@@ -255,10 +321,10 @@ void check_fit_settings(int max, int kmn, int rnd, CovarianceModel model)
 }
 
 std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd,
-                                RandomStream& random, StartChoice choice, const Progress& progress)
+                                RandomStream& random, StartChoice choice, const Progress& progress, Fitting fitting)
 {
     check_fit_settings(max, kmn, rnd, model);
-    CountFits fits(x, model, max, kmn, rnd, random);
+    CountFits fits(x, model, max, kmn, rnd, random, fitting);
     fits.rules_done(progress);
     std::vector<Mixture> best;
     for (int g = 1; g <= max; ++g) {
@@ -319,7 +385,7 @@ std::vector<Mixture> fit_mixtures(const Data& data, CovarianceModel model, int m
                            linkage_memory_limit());
         return while_doing("fitting the models", [&] {
             return fit_counts(data_matrix(data), model, max_components, starts.kmeans_starts, starts.random_starts,
-                              random, starts.choice, progress);
+                              random, starts.choice, progress, starts.fitting);
         });
     });
 }

@@ -22,7 +22,8 @@ void check_fit_settings(int max, int kmn, int rnd, CovarianceModel model);
 // The best fit of every g = 1..max, reported through progress as it comes,
 // in table order.
 std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd,
-                                RandomStream& random, StartChoice choice, const Progress& progress);
+                                RandomStream& random, StartChoice choice, const Progress& progress,
+                                Fitting fitting = Fitting::classic);
 
 // Memory the starts of g = 1..max hold until the last g is written: for
 // each start its place on the worker board, its messages and its fit (the

@@ -67,12 +67,12 @@ TEST(SelectCommand, HeaderedCsvAndTsvGiveTheClassicTableOfBothModels)
     w.write("iris.dat", iris);
     w.write("iris.csv", read_file(MIXRANK_EXAMPLES "/iris.csv"));
     w.write("iris.tsv", with_separator(iris, '\t', "sl\tsw\tpl\tpw\r\n"));
-    const Result csv = select(w, {"iris.csv", "--quiet"});
+    const Result csv = select(w, {"iris.csv", "--quiet", "--fit=classic"});
     ASSERT_EQ(csv.status, 0) << csv.err;
     EXPECT_NE(csv.out.find("150 observations of 4 columns (sepal_length, sepal_width, petal_length, petal_width)"),
               std::string::npos);
     EXPECT_EQ(csv.out.find('\x1b'), std::string::npos) << "no terminal codes when not on a terminal";
-    const Result tsv = select(w, {"iris.tsv", "--quiet"});
+    const Result tsv = select(w, {"iris.tsv", "--quiet", "--fit=classic"});
     ASSERT_EQ(tsv.status, 0) << tsv.err;
     for (const char* model : {"equal", "unequal"})
         for (int g = 1; g <= 6; ++g) EXPECT_EQ(table_row(csv.out, model, g), table_row(tsv.out, model, g)) << model << g;

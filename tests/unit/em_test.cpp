@@ -226,3 +226,38 @@ TEST(Em, ASingularCovarianceFromAPartitionIsHandedBackForTheMainThread)
         EXPECT_THROW(rethrow_fit_failure(std::current_exception()), RunError);
     }
 }
+
+// Fitting to convergence: a fit stopped at a pass limit and continued is the fit run to the larger limit in one
+// go, bit for bit, and a converged fit has stopped changing at the tolerance.
+TEST(Em, ContinuingAStoppedFitIsRunningItLongerAndConvergedFitsHaveSettled)
+{
+    const em_pass::Stopping short_run{7, 1e-8}, long_run{5000, 1e-8};
+    int continued = 0;
+    for (const Case& c : kCases) {
+        ColumnVector grp;
+        const Matrix x = clusters(c, grp);
+        const int K = c.n2 > 0 ? 2 : 1;
+        const FitData data(x);
+        for (bool common : {true, false}) {
+            const auto fit = [&](const em_pass::Stopping& s) {
+                return common ? fit_common(data, grp.Store(), K, s) : fit_components(data, grp.Store(), K, s);
+            };
+            const StartFit first = fit(short_run), whole = fit(long_run), more = continue_fit(data, first, long_run);
+            SCOPED_TRACE(c.kinds + (common ? " common" : " per component"));
+            EXPECT_EQ(more.mixture.means, whole.mixture.means);
+            EXPECT_EQ(more.mixture.covariances, whole.mixture.covariances);
+            EXPECT_EQ(more.mixture.weights, whole.mixture.weights);
+            EXPECT_EQ(more.mixture.passes, whole.mixture.passes);
+            EXPECT_EQ(more.mixture.status, whole.mixture.status);
+            if (first.mixture.status == FitStatus::pass_limit) ++continued;
+            if (whole.mixture.status == FitStatus::converged) {
+                EXPECT_LE(std::fabs(whole.l_i - whole.l_i1), 1e-8 * std::fabs(whole.l_i));
+                EXPECT_LT(whole.mixture.passes, 5000);
+            }
+            if (first.mixture.status != FitStatus::pass_limit) {  // converged or abandoned: nothing to continue
+                EXPECT_EQ(more.mixture.passes, first.mixture.passes);
+            }
+        }
+    }
+    EXPECT_GT(continued, 5) << "the cases must reach the short limit";
+}

@@ -100,7 +100,7 @@ LibraryFit library_fit(const Matrix& raw, CovarianceModel model, int max, int km
         EXPECT_EQ(best.components, g);
         r.events.push_back("fitted " + std::to_string(g));
     };
-    r.fits = fit_mixtures(data, model, max, {kmn, rnd}, random, progress);
+    r.fits = fit_mixtures(data, model, max, {kmn, rnd, Fitting::classic, StartChoice::classic}, random, progress);
     return r;
 }
 
