@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "common/settings.h"
-#include "common/weighted_sums.h"
+#include "common/hand_vectorised.h"
 #include "mixture/crout.h"
 
 namespace mixrank {

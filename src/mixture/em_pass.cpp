@@ -5,7 +5,7 @@
 #include <cstddef>
 
 #include "common/libm.h"
-#include "common/weighted_sums.h"
+#include "common/hand_vectorised.h"
 
 namespace mixrank {
 std::size_t FitData::packed_length(int p)
