@@ -5,10 +5,10 @@
 //
 // 1. Weighted sums of rows, acc[e] += w(b, k) * (row_b[e] - m_k[e]) (or
 // w(b, k) * row_b[e] without m), for the covariance and mean updates of EM.
-// The accumulators are a
-// local array of compile-time width W, so the compiler keeps them in registers
-// for the whole block of rows and vectorises the unrolled entry loop; the
-// plain loop over a run-time width keeps them in memory, entry by entry. On
+// The accumulators are a local array of compile-time width W, so the
+// compiler keeps them in registers for the whole block of rows and vectorises
+// the unrolled entry loop; the plain loop over a run-time width keeps them in
+// memory, entry by entry. On
 // 2000 x 4 data (-equal -2 -g 6) the plain form ran 2.0G more instructions
 // (+24% for the whole run, raw moments 2.85x, mean sums 2.0x); see "Plain
 // loops instead of hand-unrolled pairs" in doc/performance.md. Each sum
