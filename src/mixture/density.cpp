@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "common/libm.h"
-#include "mixture/lanes.h"
 
 namespace mixrank {
 
@@ -53,9 +52,16 @@ double NormalDensity::operator()(const Real* x, const Real* mean) const
     return at(temp);
 }
 
-using lanes::load;
-using lanes::Pair;
-using lanes::store;
+namespace {
+
+// to[b] = from[b] - m over a whole block: a loop of constant length over
+// arrays that do not overlap, which the compiler vectorises.
+void block_differences(double* __restrict to, const double* __restrict from, double m)
+{
+    for (std::size_t b = 0; b < NormalDensity::kBlock; ++b) to[b] = from[b] - m;
+}
+
+}  // namespace
 
 void NormalDensity::quadratic_forms(const Real* columns, std::size_t stride, std::size_t count, const Real* mean,
                                     Scratch& s) const
@@ -68,44 +74,48 @@ void NormalDensity::quadratic_forms(const Real* columns, std::size_t stride, std
         const Real* from = columns + j * stride;
         double* to = diff + j * kBlock;
         const double m = mean[j];
+        if (count == kBlock) {
+            block_differences(to, from, m);
+            continue;
+        }
         std::size_t b = 0;
-        for (; b + 2 <= count; b += 2) store(to + b, load(from + b) - m);
         for (; b < count; ++b) to[b] = from[b] - m;
         for (; b < kBlock; ++b) to[b] = 0.0;
     }
-    // Eight observations at a time, as operator() forms one: for every j,
-    // t = sum over k of diff_k inv(k, j), then temp += t diff_j.
-    constexpr int kPairs = 4;
-    static_assert(kBlock % (2 * kPairs) == 0, "whole steps per block");
+    // kStep observations at a time, each as operator() forms it: for every
+    // j, t = sum over k of diff_k inv(k, j), then q += t diff_j.
+    constexpr std::size_t kStep = 8;
+    static_assert(kBlock % kStep == 0, "whole steps per block");
     const double* inv = inv_.data();
-    for (std::size_t b = 0; b < kBlock; b += 2 * kPairs) {
-        Pair q[kPairs] = {};
+    double* __restrict out = s.q.data();
+    for (std::size_t b = 0; b < kBlock; b += kStep) {
+        double q[kStep] = {};
         for (std::size_t j = 0; j < p; ++j) {
-            Pair t[kPairs] = {};
+            double t[kStep] = {};
             for (std::size_t k = 0; k < p; ++k) {
                 const double c = inv[k * p + j];
                 const double* dk = diff + k * kBlock + b;
 #pragma GCC unroll 8
-                for (int g = 0; g < kPairs; ++g) t[g] += load(dk + 2 * g) * c;
+                for (std::size_t g = 0; g < kStep; ++g) t[g] += dk[g] * c;
             }
             const double* dj = diff + j * kBlock + b;
 #pragma GCC unroll 8
-            for (int g = 0; g < kPairs; ++g) q[g] += t[g] * load(dj + 2 * g);
+            for (std::size_t g = 0; g < kStep; ++g) q[g] += t[g] * dj[g];
         }
 #pragma GCC unroll 8
-        for (int g = 0; g < kPairs; ++g) store(s.q.data() + b + 2 * g, q[g]);
+        for (std::size_t g = 0; g < kStep; ++g) out[b + g] = q[g];
     }
 }
 
 void NormalDensity::densities(std::size_t count, Scratch& s) const
 {
-    // Pairs up to the end of the block: the block's length is even, so an
-    // odd count's last pair reaches an unused form, which nothing reads.
-    static_assert(kBlock % 2 == 0, "whole pairs per block");
-    double* q = s.q.data();
-    for (std::size_t b = 0; b < count; b += 2) store(q + b, load(q + b) / -2.0);
+    // The divisions run over the whole block (its unused tail included,
+    // which nothing reads), a length the compiler can vectorise.
+    double* __restrict q = s.q.data();
+    const double sqrt_det = sqrt_det_, constant = constant_;
+    for (std::size_t b = 0; b < kBlock; ++b) q[b] = q[b] / -2.0;
     for (std::size_t b = 0; b < count; ++b) q[b] = libm_exp(q[b]);
-    for (std::size_t b = 0; b < count; b += 2) store(q + b, load(q + b) * sqrt_det_ / constant_);
+    for (std::size_t b = 0; b < kBlock; ++b) q[b] = q[b] * sqrt_det / constant;
 }
 
 std::vector<NormalDensity> component_densities(const Mixture& fit)

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "common/settings.h"
+#include "common/hand_vectorised.h"
 #include "mixture/crout.h"
-#include "mixture/lanes.h"
 
 namespace mixrank {
 
@@ -80,11 +80,12 @@ void raw_moments(const FitData& x, const State& s, bool shared, std::vector<std:
         const std::size_t count = std::min(kBlock, x.n() - first);
         const double* w = s.w.data() + first * K;
         if (shared)
-            lanes::add_weighted_rows<true>(acc[0].data(), x.squares(first), mm.data(), length, w, K, 0, K, count);
+            weighted_sums::add_weighted_rows<true>(acc[0].data(), x.squares(first), mm.data(), length, w, K, 0, K,
+                                                   count);
         else
             for (std::size_t k = 0; k < K; ++k)
-                lanes::add_weighted_rows<true>(acc[k].data(), x.squares(first), mm.data(), length, w, K, k, k + 1,
-                                               count);
+                weighted_sums::add_weighted_rows<true>(acc[k].data(), x.squares(first), mm.data(), length, w, K, k,
+                                                       k + 1, count);
     }
 }
 

@@ -5,7 +5,7 @@
 #include <cstddef>
 
 #include "common/libm.h"
-#include "mixture/lanes.h"
+#include "common/hand_vectorised.h"
 
 namespace mixrank {
 std::size_t FitData::packed_length(int p)
@@ -47,49 +47,55 @@ void State::resize(std::size_t n, int components, int dimension)
     w.resize(n * k);
 }
 
+namespace {
+
+constexpr std::size_t kBlock = NormalDensity::kBlock;
+
+// out[b] = factor * f[b] and sum[b] += w[b] over a whole block: loops of
+// constant length over arrays that do not overlap, which the compiler
+// vectorises.
+void scaled_block(double* __restrict out, const double* __restrict f, double factor)
+{
+    for (std::size_t b = 0; b < kBlock; ++b) out[b] = factor * f[b];
+}
+
+void add_block(double* __restrict sum, const double* __restrict w)
+{
+    for (std::size_t b = 0; b < kBlock; ++b) sum[b] += w[b];
+}
+
+}  // namespace
+
 double expectation(const FitData& x, const std::vector<NormalDensity>& dens, State& s)
 {
-    constexpr std::size_t kBlock = NormalDensity::kBlock;
     const std::size_t n = x.n(), p = static_cast<std::size_t>(x.p()), K = static_cast<std::size_t>(s.K);
     const double* ms = s.mu.data();
     const double* pi = s.pi.data();
     double* ws = s.w.data();
     NormalDensity::Scratch scratch(x.p());
+    // The weights pi_k f_k(x_b) of a block, component by component (the
+    // tail of a short block unused).
+    std::vector<double> block(K * kBlock);
     double loglik = 0.0;
     for (std::size_t first = 0; first < n; first += kBlock) {
         const std::size_t count = std::min(kBlock, n - first);
-        // The weights pi_k f_k(x_i) of the block, component by component ...
         for (std::size_t k = 0; k < K; ++k) {
             dens[k].quadratic_forms(x.column(0) + first, n, count, ms + k * p, scratch);
             dens[k].densities(count, scratch);
-            const double* f = scratch.q.data();
-            for (std::size_t b = 0; b < count; ++b) ws[(first + b) * K + k] = pi[k] * f[b];
+            scaled_block(&block[k * kBlock], scratch.q.data(), pi[k]);
         }
-        // ... then each observation's sum over the components, in order, and
-        // its weights scaled by the reciprocal: two observations at a time.
-        double* temp = scratch.q.data();
-        std::size_t b = 0;
-        for (; b + 2 <= count; b += 2) {
+        // Each observation's sum over the components, in order, and its
+        // weights scaled by the reciprocal.
+        double* sum = scratch.q.data();
+        std::fill(sum, sum + kBlock, 0.0);
+        for (std::size_t k = 0; k < K; ++k) add_block(sum, &block[k * kBlock]);
+        for (std::size_t b = 0; b < count; ++b) {
+            const double scale = 1.0 / sum[b];
             double* wi = ws + (first + b) * K;
-            lanes::Pair sum = {0.0, 0.0};
-            for (std::size_t k = 0; k < K; ++k) sum += lanes::Pair{wi[k], wi[K + k]};
-            const lanes::Pair scale = 1.0 / sum;
-            for (std::size_t k = 0; k < K; ++k) {
-                wi[k] *= scale[0];
-                wi[K + k] *= scale[1];
-            }
-            lanes::store(temp + b, sum);
+            for (std::size_t k = 0; k < K; ++k) wi[k] = block[k * kBlock + b] * scale;
         }
-        for (; b < count; ++b) {
-            double* wi = ws + (first + b) * K;
-            double sum = 0.0;
-            for (std::size_t k = 0; k < K; ++k) sum += wi[k];
-            const double scale = 1.0 / sum;
-            for (std::size_t k = 0; k < K; ++k) wi[k] *= scale;
-            temp[b] = sum;
-        }
-        for (b = 0; b < count; ++b) loglik += libm_log(temp[b]);
-        s.last_density = temp[count - 1];
+        for (std::size_t b = 0; b < count; ++b) loglik += libm_log(sum[b]);
+        s.last_density = sum[count - 1];
     }
     return loglik;
 }
@@ -111,7 +117,8 @@ void update_means(const FitData& x, State& s)
         }
         const double* w = s.w.data() + first * K;
         for (std::size_t k = 0; k < K; ++k)
-            lanes::add_weighted_rows<false>(&acc[k * stride], rows.data(), nullptr, stride, w, K, k, k + 1, count);
+            weighted_sums::add_weighted_rows<false>(&acc[k * stride], rows.data(), nullptr, stride, w, K, k, k + 1,
+                                                    count);
     }
     double* mu = s.mu.data();
     for (std::size_t k = 0; k < K; ++k) {

@@ -9,7 +9,6 @@
 
 #include "common/format.h"
 #include "data/preparation.h"
-#include "mixture/lanes.h"
 #include "risk/kernel_blocks.h"
 
 namespace mixrank {
@@ -27,50 +26,32 @@ namespace {
 constexpr double kMaxCancellation = 100.0;
 
 // The sums and the sums of squares of the rows of a rows x cols block, each
-// from 0.0 over the columns in order; two rows at a time.
+// from 0.0 over the columns in order.
 void row_sums(const double* v, std::size_t rows, std::size_t cols, double* sum, double* sq)
 {
-    using lanes::Pair;
-    std::size_t a = 0;
-    for (; a + 2 <= rows; a += 2) {
-        const double* first = v + a * cols;
-        const double* second = first + cols;
-        Pair s = {0.0, 0.0}, q = {0.0, 0.0};
-        for (std::size_t b = 0; b < cols; ++b) {
-            const Pair e = {first[b], second[b]};
-            s += e;
-            q += e * e;
-        }
-        sum[a] = s[0], sum[a + 1] = s[1];
-        sq[a] = q[0], sq[a + 1] = q[1];
-    }
-    for (; a < rows; ++a) {
+    for (std::size_t a = 0; a < rows; ++a) {
+        const double* row = v + a * cols;
         double s = 0.0, q = 0.0;
         for (std::size_t b = 0; b < cols; ++b) {
-            s += v[a * cols + b];
-            q += v[a * cols + b] * v[a * cols + b];
+            s += row[b];
+            q += row[b] * row[b];
         }
         sum[a] = s, sq[a] = q;
     }
 }
 
 // The same for the columns of a tile below the diagonal, whose width is a
-// whole tile's (an even number): each from 0.0 over the rows in order; two
-// columns at a time.
-void column_sums(const double* v, std::size_t rows, double* sum, double* sq)
+// whole tile's: each from 0.0 over the rows in order.
+void column_sums(const double* __restrict v, std::size_t rows, double* __restrict sum, double* __restrict sq)
 {
-    using lanes::load;
-    using lanes::Pair;
     constexpr std::size_t cols = KernelBlocks::kTile;
-    static_assert(cols % 2 == 0, "whole pairs per tile");
     std::fill(sum, sum + cols, 0.0);
     std::fill(sq, sq + cols, 0.0);
     for (std::size_t a = 0; a < rows; ++a) {
         const double* row = v + a * cols;
-        for (std::size_t b = 0; b < cols; b += 2) {
-            const Pair e = load(row + b);
-            lanes::store(sum + b, load(sum + b) + e);
-            lanes::store(sq + b, load(sq + b) + e * e);
+        for (std::size_t b = 0; b < cols; ++b) {
+            sum[b] += row[b];
+            sq[b] += row[b] * row[b];
         }
     }
 }
@@ -78,13 +59,11 @@ void column_sums(const double* v, std::size_t rows, double* sum, double* sq)
 // Entries (i, left + b) of K* / scale from those of K for a row i of a tile
 // below the diagonal, i being below every column and the width a whole
 // tile's: (((k - first) - second) + overallmean) * factor as centred_entry
-// and the rescaling form them; two entries at a time.
-void centre_row(double* v, double first, const double* second, double overallmean, double factor)
+// and the rescaling form them.
+void centre_row(double* __restrict v, double first, const double* __restrict second, double overallmean,
+                double factor)
 {
-    using lanes::load;
-    static_assert(KernelBlocks::kTile % 2 == 0, "whole pairs per tile");
-    for (std::size_t b = 0; b < KernelBlocks::kTile; b += 2)
-        lanes::store(v + b, (((load(v + b) - first) - load(second + b)) + overallmean) * factor);
+    for (std::size_t b = 0; b < KernelBlocks::kTile; ++b) v[b] = (((v[b] - first) - second[b]) + overallmean) * factor;
 }
 
 // Row means and total of the kernel, and the sum of squares of every row.

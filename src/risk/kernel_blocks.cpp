@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cmath>
 
+#include "common/hand_vectorised.h"
 #include "common/libm.h"
 #include "mixture/density.h"
-#include "mixture/lanes.h"
 
 namespace mixrank {
 
@@ -37,13 +37,11 @@ double KernelBlocks::value(std::size_t i, std::size_t j) const
 
 // The same arithmetic as value(), arranged so that the distances of a row
 // are formed in one loop, two columns at a time from the data held column by
-// column, then the exponentials, then the divisions two at a time.
+// column, then the exponentials, then the divisions two at a time (Pair: see
+// common/hand_vectorised.h for what it buys).
 void KernelBlocks::block(std::size_t top, std::size_t rows, std::size_t left, std::size_t cols,
                          double* out) const
 {
-    using lanes::load;
-    using lanes::Pair;
-    using lanes::store;
     for (std::size_t a = 0; a < rows; ++a) {
         const double* xi = x_.data() + (top + a) * d_;
         double* o = out + a * cols;
@@ -51,10 +49,10 @@ void KernelBlocks::block(std::size_t top, std::size_t rows, std::size_t left, st
         for (; b + 2 <= cols; b += 2) {
             Pair tempval = {0.0, 0.0};
             for (std::size_t c = 0; c < d_; ++c) {
-                const Pair diff = load(&xt_[c * n_ + left + b]) - xi[c];
+                const Pair diff = load_pair(&xt_[c * n_ + left + b]) - xi[c];
                 tempval += diff * diff;
             }
-            store(o + b, (tempval * -0.5) / hh_);
+            store_pair(o + b, (tempval * -0.5) / hh_);
         }
         for (; b < cols; ++b) {
             double tempval = 0.0;
@@ -65,7 +63,7 @@ void KernelBlocks::block(std::size_t top, std::size_t rows, std::size_t left, st
             o[b] = (tempval * -0.5) / hh_;
         }
         for (b = 0; b < cols; ++b) o[b] = libm_exp(o[b]);
-        for (b = 0; b + 2 <= cols; b += 2) store(o + b, load(o + b) / norm_);
+        for (b = 0; b + 2 <= cols; b += 2) store_pair(o + b, load_pair(o + b) / norm_);
         for (; b < cols; ++b) o[b] = o[b] / norm_;
     }
 }

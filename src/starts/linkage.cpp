@@ -13,7 +13,6 @@
 #include "common/format.h"
 #include "common/parallel.h"
 #include "common/settings.h"
-#include "mixture/lanes.h"
 
 namespace mixrank {
 
@@ -105,27 +104,18 @@ private:
 
     // Entries k..k+count-1 of column c into out: entry (r, c) is the sum over
     // the dimensions j, in order and from 0.0, of the squared difference of
-    // x(r, j) and x(c, j), formed for two rows at once.
-    void distances(std::size_t c, std::size_t k, std::size_t count, double* out) const
+    // x(r, j) and x(c, j), formed dimension by dimension for the whole piece.
+    void distances(std::size_t c, std::size_t k, std::size_t count, double* __restrict out) const
     {
         const double* first = xt_.data() + c + 1 + k;  // x(c + 1 + k, 0); dimension j is n_ further on
-        std::size_t m = 0;
-        for (; m + 2 <= count; m += 2) {
-            lanes::Pair sum = {0.0, 0.0};
-            for (std::size_t j = 0; j < p_; ++j) {
-                const double* xj = first + j * n_;
-                const lanes::Pair diff = lanes::load(xj + m) - xt_[j * n_ + c];
-                sum += diff * diff;
+        for (std::size_t m = 0; m < count; ++m) out[m] = 0.0;
+        for (std::size_t j = 0; j < p_; ++j) {
+            const double* __restrict xj = first + j * n_;
+            const double xc = xt_[j * n_ + c];
+            for (std::size_t m = 0; m < count; ++m) {
+                const double diff = xj[m] - xc;
+                out[m] += diff * diff;
             }
-            lanes::store(out + m, sum);
-        }
-        for (; m < count; ++m) {
-            double sum = 0.0;
-            for (std::size_t j = 0; j < p_; ++j) {
-                const double diff = first[j * n_ + m] - xt_[j * n_ + c];
-                sum += diff * diff;
-            }
-            out[m] = sum;
         }
     }
 
