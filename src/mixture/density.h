@@ -53,7 +53,7 @@ public:
                          Scratch& scratch) const;
     // The density for a quadratic form from quadratic_forms.
     double at(double q) const { return libm_exp(q / -2.0) * sqrt_det_ / constant_; }
-    // at() of scratch.q[0..count), in place; the divisions two at a time.
+    // at() of scratch.q[0..count), in place.
     void densities(std::size_t count, Scratch& scratch) const;
 
 private:
