@@ -151,11 +151,12 @@ enum class StartChoice {
 // How far EM goes.
 enum class Fitting {
     // To convergence: every start for up to 99 passes, stopped when the
-    // Aitken-extrapolated limit of the log-likelihood lies within 1e-8 of it
-    // (relative, on either side); then the five best starts and up to three
-    // more that are still climbing go on, to convergence or 5,000 passes in
-    // all. The best start is the largest finite log-likelihood in double
-    // precision (a degenerate or singular start never wins).
+    // Aitken-extrapolated limit of the log-likelihood lies within 1e-7 of it
+    // (relative, on either side); then the two best starts that have not
+    // converged and the one that gained most in its last pass go on, to
+    // convergence or 1,500 passes in all. The best start is the largest
+    // finite log-likelihood in double precision (a degenerate or singular
+    // start never wins).
     converge,
     // As the classic program: at most 99 passes, stopped by the signed
     // Aitken test, and the best start chosen by `choice`.

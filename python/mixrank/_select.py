@@ -204,8 +204,8 @@ def select(X, *, model="both", max_components: int = 6, bandwidth="auto", kmeans
         raised again here.
     fit : {"converge", "classic"}, default "converge"
         "converge" runs EM to convergence (every start for up to 99 passes,
-        then the five best and up to three still climbing on to convergence
-        or 5,000 passes, the best by its log-likelihood); "classic" gives the
+        then the two best and the one climbing fastest on to convergence or
+        1,500 passes, the best by its log-likelihood); "classic" gives the
         classic mixrank program's fits and table exactly.
 
     Returns

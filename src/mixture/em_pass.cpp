@@ -136,9 +136,8 @@ bool converged(const State& s, const Stopping& stop)
     const double l_inf = (s.l_i1 - s.l_i2) / (1.0 - c_i) + s.l_i2;
     if (stop.tolerance <= 0.0) return l_inf - s.l_i < 1e-06 && s.iterations > 4;
     if (s.iterations <= 4) return false;
-    const double allowed = stop.tolerance * std::fabs(s.l_i);
     // No change at all leaves the extrapolation undefined: that is converged too.
-    return std::fabs(s.l_i - s.l_i1) <= allowed && (std::fabs(l_inf - s.l_i) <= allowed || s.l_i == s.l_i1);
+    return std::fabs(l_inf - s.l_i) <= stop.tolerance * std::fabs(s.l_i) || s.l_i == s.l_i1;
 }
 
 double smallest_size(const State& s)

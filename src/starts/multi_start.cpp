@@ -66,10 +66,10 @@ StartFit fit_start(CovarianceModel model, const FitData& x, const double* grp, i
 
 // Fitting to convergence: the first round's stopping rule, the whole fit's,
 // and how many starts go on after the first round.
-constexpr double kTolerance = 1e-8;
+constexpr double kTolerance = 1e-7;
 const em_pass::Stopping kFirstRound{em_pass::kPassLimit, kTolerance};
-const em_pass::Stopping kToConvergence{5000, kTolerance};
-constexpr std::size_t kBestContinued = 5, kClimbingContinued = 3;
+const em_pass::Stopping kToConvergence{1500, kTolerance};
+constexpr std::size_t kBestContinued = 2, kClimbingContinued = 1;
 
 bool usable(const Mixture& m)
 {
