@@ -154,7 +154,7 @@ enum class Fitting {
     // Aitken-extrapolated limit of the log-likelihood lies within 1e-7 of it
     // (relative, on either side); then the two best starts that have not
     // converged and the one that gained most in its last pass go on, to
-    // convergence or 1,500 passes in all. The best start is the largest
+    // convergence or 500 passes in all. The best start is the largest
     // finite log-likelihood in double precision (a degenerate or singular
     // start never wins).
     converge,

@@ -205,7 +205,7 @@ def select(X, *, model="both", max_components: int = 6, bandwidth="auto", kmeans
     fit : {"converge", "classic"}, default "converge"
         "converge" runs EM to convergence (every start for up to 99 passes,
         then the two best and the one climbing fastest on to convergence or
-        1,500 passes, the best by its log-likelihood); "classic" gives the
+        500 passes, the best by its log-likelihood); "classic" gives the
         classic mixrank program's fits and table exactly.
 
     Returns

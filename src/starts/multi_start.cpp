@@ -68,7 +68,7 @@ StartFit fit_start(CovarianceModel model, const FitData& x, const double* grp, i
 // and how many starts go on after the first round.
 constexpr double kTolerance = 1e-7;
 const em_pass::Stopping kFirstRound{em_pass::kPassLimit, kTolerance};
-const em_pass::Stopping kToConvergence{1500, kTolerance};
+const em_pass::Stopping kToConvergence{500, kTolerance};
 constexpr std::size_t kBestContinued = 2, kClimbingContinued = 1;
 
 bool usable(const Mixture& m)
