@@ -152,7 +152,7 @@ enum class StartChoice {
 enum class Fitting {
     // To convergence: every start for up to 99 passes, stopped when the
     // Aitken-extrapolated limit of the log-likelihood lies within 1e-7 of it
-    // (relative, on either side); then the two best starts that have not
+    // (relative, on either side); then the best start that has not
     // converged and the one that gained most in its last pass go on, to
     // convergence or 500 passes in all. The best start is the largest
     // finite log-likelihood in double precision (a degenerate or singular

@@ -204,7 +204,7 @@ def select(X, *, model="both", max_components: int = 6, bandwidth="auto", kmeans
         raised again here.
     fit : {"converge", "classic"}, default "converge"
         "converge" runs EM to convergence (every start for up to 99 passes,
-        then the two best and the one climbing fastest on to convergence or
+        then the best and the one climbing fastest on to convergence or
         500 passes, the best by its log-likelihood); "classic" gives the
         classic mixrank program's fits and table exactly.
 

@@ -69,7 +69,7 @@ StartFit fit_start(CovarianceModel model, const FitData& x, const double* grp, i
 constexpr double kTolerance = 1e-7;
 const em_pass::Stopping kFirstRound{em_pass::kPassLimit, kTolerance};
 const em_pass::Stopping kToConvergence{500, kTolerance};
-constexpr std::size_t kBestContinued = 2, kClimbingContinued = 1;
+constexpr std::size_t kBestContinued = 1, kClimbingContinued = 1;
 
 bool usable(const Mixture& m)
 {
@@ -80,6 +80,7 @@ bool usable(const Mixture& m)
 // log-likelihood, those that stopped at the pass limit, and of the others
 // that did, the kClimbingContinued that gained most in their last pass.
 // Ties go to the earlier start, so the choice is the same on any thread.
+// Two starts keep both cores of a small machine busy for the same time.
 std::vector<std::size_t> to_continue(const std::vector<StartFit>& fits)
 {
     std::vector<std::size_t> ranked;
