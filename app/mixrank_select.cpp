@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <iostream>
 #include <iterator>
+#include <sstream>
 #include <string>
 
 #include "blas_threads.h"
@@ -127,6 +128,19 @@ bool classified_row(const SelectOptions& o, const Selection& s, std::size_t& row
                   " was not fitted (see --model and --max-components)");
 }
 
+// A message on one line: its non-blank lines joined by "; " (the matrix
+// library's messages run over several).
+std::string one_line(const std::string& message)
+{
+    std::string out, line;
+    std::istringstream lines(message);
+    while (std::getline(lines, line)) {
+        if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+        out += (out.empty() ? "" : "; ") + line;
+    }
+    return out;
+}
+
 int run(int argc, char** argv)
 {
     const SelectOptions o = parse_select_options(argc, argv);
@@ -195,7 +209,7 @@ int main(int argc, char** argv)
         std::cerr << "mixrank-select: " << e.what() << "\nTry 'mixrank-select --help' for more information.\n";
         return 2;
     } catch (const mixrank::Error& e) {
-        std::cerr << "mixrank-select: " << e.what() << "\n";
+        std::cerr << "mixrank-select: " << mixrank::one_line(e.what()) << "\n";
         return 1;
     } catch (const std::exception& e) {
         std::cerr << "mixrank-select: " << e.what() << "\n";

@@ -109,6 +109,27 @@ void warn_about(const Data& data, Selection& s)
     }
 }
 
+// Scores the fits; one whose score matrix or covariance the matrix library
+// refuses gets a row of NaN and the status singular, and a warning, instead
+// of ending the selection.
+Scores score_each(const Data& data, const Kernel& kernel, std::vector<Mixture>& fits, Selection& s)
+{
+    for (;;) {
+        std::size_t scored = 0;
+        try {
+            return score_mixtures(data, kernel, fits, [&](std::size_t i, const ModelScore&) { scored = i + 1; });
+        } catch (const Error& e) {
+            if (e.kind() != Error::Kind::matrix_library || scored >= fits.size()) throw;
+            Mixture& failed = fits[scored];
+            s.warnings.push_back(std::string(model_words(failed.model)) + ", g = " +
+                                 std::to_string(failed.components) +
+                                 ": the matrix library could not score it (a matrix is singular)");
+            failed.weights.clear();  // not finite: a row of NaN
+            failed.status = FitStatus::singular;
+        }
+    }
+}
+
 }  // namespace
 
 double criterion_value(const ModelScore& score, Criterion criterion)
@@ -141,7 +162,7 @@ Selection select_mixtures(const Data& data, const SelectSettings& settings, cons
             for (const Mixture& m : some) fits.push_back(stored_form(m));
         }
         say(progress, "scoring");
-        const Scores scores = score_mixtures(data, kernel, fits);
+        const Scores scores = score_each(data, kernel, fits, s);
         say(progress, "done");
         s.sdof = scores.sdof;
         s.sdof_unbiased = scores.sdof_unbiased;

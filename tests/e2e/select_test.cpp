@@ -141,6 +141,33 @@ TEST(SelectCommand, BadDataIsRefusedWithItsLineAndColumnAndNothingIsWritten)
     }
 }
 
+// Covariances that cannot be inverted (a column constant within components): the models they spoil get a
+// row of nan, the status singular and a warning, the others are scored and recommended; both fittings.
+TEST(SelectCommand, SingularModelsAreMarkedAndSpoilNoOther)
+{
+    Workdir w;
+    std::ostringstream s;
+    for (int i = 0; i < 90; ++i)
+        s << std::sin(1.7 * i) + (i < 30 ? 5.0 : 0.0) << " " << std::cos(0.9 * i + 0.3) + (i >= 30 && i < 60 ? 5.0 : 0.0)
+          << " " << (i == 7 || i == 50 ? 2.0 : 1.0) << "\n";
+    w.write("d.dat", s.str());
+    const Args args = {"d.dat", "-q", "--model=unequal", "-g", "8", "--kmeans-starts=2", "--random-starts=2",
+                       "--json=r.json"};
+    for (const char* fit : {"--fit=classic", "--fit=converge"}) {
+        const Result r = select(w, with(args, {fit}));
+        ASSERT_EQ(r.status, 0) << fit << r.err;
+        const std::vector<std::string> two = table_row(r.out, "unequal", 2), eight = table_row(r.out, "unequal", 8);
+        ASSERT_EQ(two.size(), 8u) << r.out;
+        EXPECT_TRUE(std::isfinite(value(two[2]))) << fit;
+        EXPECT_EQ(eight.at(2), "nan") << fit;
+        EXPECT_EQ(eight.at(7), "singular") << fit;
+        EXPECT_NE(r.out.find("warning: per-component covariances, g = 8: the matrix library could not score it"),
+                  std::string::npos) << r.out;
+        EXPECT_NE(r.out.find("Recommended (smallest QBIC): unequal"), std::string::npos) << r.out;
+        EXPECT_NE(w.read("r.json").find("\"status\": \"singular\""), std::string::npos);
+    }
+}
+
 TEST(SelectCommand, ReportsAreWrittenWholeAndNeverReplaceTheInput)
 {
     Workdir w;
