@@ -71,12 +71,9 @@ py::dict fit_dict(const mixrank::Mixture& m)
     return f;
 }
 
-py::dict row_dict(const mixrank::SelectionRow& r)
+// The table values of a score, as the JSON report names them.
+void put_values(py::dict& d, const mixrank::ModelScore& s)
 {
-    const mixrank::ModelScore& s = r.score;
-    py::dict d;
-    d["model"] = model_name(r.fit.model);
-    d["g"] = r.fit.components;
     d["q"] = s.parameters;
     d["distance"] = s.distance;
     d["mlf"] = s.mlf;
@@ -86,6 +83,15 @@ py::dict row_dict(const mixrank::SelectionRow& r)
     d["loglik"] = s.loglik;
     d["aic"] = s.aic;
     d["bic"] = s.bic;
+}
+
+py::dict row_dict(const mixrank::SelectionRow& r)
+{
+    const mixrank::ModelScore& s = r.score;
+    py::dict d;
+    d["model"] = model_name(r.fit.model);
+    d["g"] = r.fit.components;
+    put_values(d, s);
     d["status"] = status_name(r.fit.status);
     d["em_passes"] = r.fit.passes;
     d["start"] = r.fit.start;
@@ -193,15 +199,7 @@ py::dict scores_dict(const mixrank::Scores& scores)
         d["model"] = model_name(s.model);
         d["g"] = s.components;
         d["scored"] = s.scored;
-        d["q"] = s.parameters;
-        d["distance"] = s.distance;
-        d["mlf"] = s.mlf;
-        d["ee"] = s.ee;
-        d["qaic"] = s.qaic;
-        d["qbic"] = s.qbic;
-        d["loglik"] = s.loglik;
-        d["aic"] = s.aic;
-        d["bic"] = s.bic;
+        put_values(d, s);
         d["unstable"] = s.unstable;
         rows.append(d);
     }

@@ -217,8 +217,9 @@ Classification classify(const Data& data, const Mixture& mixture)
     return as_library_errors([&] {
         if (mixture.dimension != data.d)
             throw Error(Error::Kind::invalid_argument, "the mixture's dimension does not match the data's");
-        check_model_shape(data_matrix(data), mixture);
-        const ClassifiedRows rows = classify_observations(data_matrix(data), mixture);
+        const Matrix x = data_matrix(data);
+        check_model_shape(x, mixture);
+        const ClassifiedRows rows = classify_observations(x, mixture);
         Classification c;
         c.n = data.n;
         c.components = mixture.components;

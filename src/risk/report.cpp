@@ -33,12 +33,6 @@ void screen_table(const Matrix& columns, std::ostream& out)
     out << kRuleB << "\n";
 }
 
-}  // namespace
-
-void write_report_file(const std::string& outfile, const Matrix& columns, double kxx, int rows);
-
-namespace {
-
 // The file is written to a temporary file and renamed over the old report
 // only when complete, so a failed or interrupted run leaves the old one.
 void write_file(const std::string& outfile, const Matrix& columns, double kxx, int rows)

@@ -43,20 +43,35 @@ void prepare(const Matrix& x, const Mixture& final, const KernelSummary& kernel,
 
 // Prepares the mixtures in order until all are done or one fails; returns
 // the failure (null when none) and keeps the prepared ones in work.
+// A row of NaN (its parameter count still set): a mixture with values that
+// are not all finite, or one the matrix library refused.
+void unscored(const Matrix& x, const Mixture& m, ModelWork& w)
+{
+    w = ModelWork();
+    w.row.model = m.model;
+    w.row.components = m.components;
+    w.row.loglik = w.row.distance = w.row.ee = w.row.mlf = kNaN;
+    w.P = score_columns(m.model == CovarianceModel::common, x.Ncols(), m.components);
+}
+
+// With refused null, a mixture the matrix library refuses ends the
+// preparation; otherwise it gets a row of NaN and its index in refused.
 std::exception_ptr prepare_all(const Matrix& x, const KernelSummary& kernel, const std::vector<Mixture>& mixtures,
-                               std::vector<ModelWork>& work)
+                               std::vector<ModelWork>& work, std::vector<std::size_t>* refused)
 {
     for (std::size_t i = 0; i < mixtures.size(); ++i) {
         const Mixture& m = mixtures[i];
         ModelWork& w = work[i];
-        w.row.model = m.model;
-        w.row.components = m.components;
-        w.row.loglik = w.row.distance = w.row.ee = w.row.mlf = kNaN;
+        unscored(x, m, w);
         try {
-            if (model_is_finite(m))
-                prepare(x, m, kernel, w);
-            else  // an unread (or non-finite) model: its row shows nan
-                w.P = score_columns(m.model == CovarianceModel::common, x.Ncols(), m.components);
+            if (model_is_finite(m)) prepare(x, m, kernel, w);
+        } catch (const NEWMAT::BaseException&) {
+            if (refused == nullptr) {
+                work.resize(i);
+                return std::current_exception();
+            }
+            unscored(x, m, w);
+            refused->push_back(i);
         } catch (...) {
             work.resize(i);
             return std::current_exception();
@@ -111,10 +126,11 @@ void criteria(int n, ModelWork& m)
 
 std::vector<ModelScore> score_models(const Matrix& x, const KernelSummary& kernel,
                                      const std::vector<Mixture>& mixtures,
-                                     const std::function<void(std::size_t, const ModelScore&)>& scored)
+                                     const std::function<void(std::size_t, const ModelScore&)>& scored,
+                                     std::vector<std::size_t>* refused)
 {
     std::vector<ModelWork> work(mixtures.size());
-    const std::exception_ptr failure = prepare_all(x, kernel, mixtures, work);
+    const std::exception_ptr failure = prepare_all(x, kernel, mixtures, work, refused);
     kernel_terms(x, kernel, work);
     std::vector<ModelScore> rows;
     for (std::size_t i = 0; i < work.size(); ++i) {
@@ -130,8 +146,10 @@ std::vector<ModelScore> score_models(const Matrix& x, const KernelSummary& kerne
 
 namespace mixrank {
 
-Scores score_mixtures(const Data& data, const Kernel& kernel, const std::vector<Mixture>& mixtures,
-                      const std::function<void(std::size_t, const ModelScore&)>& scored)
+namespace {
+
+Scores scores_of(const Data& data, const Kernel& kernel, const std::vector<Mixture>& mixtures,
+                 const std::function<void(std::size_t, const ModelScore&)>& scored, std::vector<std::size_t>* refused)
 {
     return as_library_errors([&] {
         for (const Mixture& m : mixtures)
@@ -144,10 +162,24 @@ Scores score_mixtures(const Data& data, const Kernel& kernel, const std::vector<
         s.sdof = kernel.sdof();
         s.sdof_unbiased = kernel.sdof_unbiased();
         s.models = while_doing("scoring the models", [&] {
-            return score_models(data_matrix(data), kernel.summary().kernel, mixtures, scored);
+            return score_models(data_matrix(data), kernel.summary().kernel, mixtures, scored, refused);
         });
         return s;
     });
+}
+
+}  // namespace
+
+Scores score_mixtures(const Data& data, const Kernel& kernel, const std::vector<Mixture>& mixtures,
+                      const std::function<void(std::size_t, const ModelScore&)>& scored)
+{
+    return scores_of(data, kernel, mixtures, scored, nullptr);
+}
+
+Scores score_mixtures_refusing(const Data& data, const Kernel& kernel, const std::vector<Mixture>& mixtures,
+                               std::vector<std::size_t>& refused)
+{
+    return scores_of(data, kernel, mixtures, {}, &refused);
 }
 
 }  // namespace mixrank

@@ -24,9 +24,17 @@ constexpr double kStabilityLimit = 1e-05;
 // count still set). scored(i, row) is called for every mixture in order once
 // all are done; when one fails (the matrix library refuses its projection,
 // for example), it is called for those before it, and then the failure is
-// rethrown.
+// rethrown, unless refused is given: a refusal of the matrix library then
+// gives that mixture a row of NaN and its index in refused.
 std::vector<ModelScore> score_models(const Matrix& x, const KernelSummary& kernel,
                                      const std::vector<Mixture>& mixtures,
-                                     const std::function<void(std::size_t, const ModelScore&)>& scored);
+                                     const std::function<void(std::size_t, const ModelScore&)>& scored,
+                                     std::vector<std::size_t>* refused = nullptr);
+
+// score_mixtures, but a mixture the matrix library refuses (a singular
+// matrix) gets a row of NaN and its index in `refused` instead of ending the
+// scoring; one pass over the kernel serves the others all the same.
+Scores score_mixtures_refusing(const Data& data, const Kernel& kernel, const std::vector<Mixture>& mixtures,
+                               std::vector<std::size_t>& refused);
 
 }  // namespace mixrank

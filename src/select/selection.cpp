@@ -12,6 +12,7 @@
 #include "io/param_file.h"
 #include "mixture/mixture.h"
 #include "risk/bandwidth.h"
+#include "risk/scoring.h"
 
 namespace mixrank {
 
@@ -110,24 +111,18 @@ void warn_about(const Data& data, Selection& s)
 }
 
 // Scores the fits; one whose score matrix or covariance the matrix library
-// refuses gets a row of NaN and the status singular, and a warning, instead
-// of ending the selection.
+// refuses gets a row of NaN, the status singular and a warning, instead of
+// ending the selection.
 Scores score_each(const Data& data, const Kernel& kernel, std::vector<Mixture>& fits, Selection& s)
 {
-    for (;;) {
-        std::size_t scored = 0;
-        try {
-            return score_mixtures(data, kernel, fits, [&](std::size_t i, const ModelScore&) { scored = i + 1; });
-        } catch (const Error& e) {
-            if (e.kind() != Error::Kind::matrix_library || scored >= fits.size()) throw;
-            Mixture& failed = fits[scored];
-            s.warnings.push_back(std::string(model_words(failed.model)) + ", g = " +
-                                 std::to_string(failed.components) +
-                                 ": the matrix library could not score it (a matrix is singular)");
-            failed.weights.clear();  // not finite: a row of NaN
-            failed.status = FitStatus::singular;
-        }
+    std::vector<std::size_t> refused;
+    const Scores scores = score_mixtures_refusing(data, kernel, fits, refused);
+    for (std::size_t i : refused) {
+        fits[i].status = FitStatus::singular;
+        s.warnings.push_back(std::string(model_words(fits[i].model)) + ", g = " + std::to_string(fits[i].components) +
+                             ": the matrix library could not score it (a matrix is singular)");
     }
+    return scores;
 }
 
 }  // namespace

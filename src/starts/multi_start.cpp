@@ -373,9 +373,7 @@ std::vector<Mixture> fit_mixtures(const Data& data, CovarianceModel model, int m
     return as_library_errors([&] {
         if (max_components < 1)
             throw Error(Error::Kind::invalid_argument, "at least one component must be fitted");
-        if (model == CovarianceModel::common ? false : max_components > kMaxUnequalComponents)
-            throw Error(Error::Kind::invalid_argument,
-                        "at most 20 components can be fitted with one covariance matrix per component");
+        check_fit_settings(max_components, starts.kmeans_starts, starts.random_starts, model);
         if (max_components >= 2 && starts.kmeans_starts > 0 && static_cast<std::size_t>(max_components) >= data.n)
             throw Error(Error::Kind::invalid_argument,
                         "the K-means starts cannot split " + std::to_string(data.n) + " observations into " +
