@@ -10,6 +10,7 @@
 #include "risk/distance.h"
 #include "risk/model_shape.h"
 #include "risk/projection.h"
+#include "risk/projection_choice.h"
 #include "risk/score.h"
 
 namespace mixrank {
@@ -22,7 +23,8 @@ const double kNaN = std::numeric_limits<double>::quiet_NaN();
 struct ModelWork {
     ModelScore row;
     double P = kNaN;         // columns of the score matrix
-    Matrix M, Q;             // score matrix and projection factor
+    Matrix M, Q;             // score matrix and, in the defining form, projection factor
+    ProjectionPlan plan;     // how EE is formed
     std::size_t column = 0;  // first column of M in the joint score block
 };
 
@@ -35,9 +37,13 @@ void prepare(const Matrix& x, const Mixture& final, const KernelSummary& kernel,
     const double dkmean = distance(x, final, kernel.knew_total, kernel.h);
     m.row.distance = (static_cast<double>(n) * n) * dkmean / kernel.scale;
     m.M = score(x, final);
-    projection_factor(m.M, m.Q);
-    m.row.unstable = projection_unstable(m.M, m.Q, kStabilityLimit);
     m.P = m.M.Ncols();
+    m.plan = plan_projection(m.M);
+    if (m.plan.form == ProjectionForm::library) {
+        projection_factor(m.M, m.Q);
+        m.row.unstable = projection_unstable(m.M, m.Q, kStabilityLimit);
+    }
+    // The cheaper forms are chosen only where the projection is stable.
     m.row.scored = true;
 }
 
@@ -81,7 +87,8 @@ std::exception_ptr prepare_all(const Matrix& x, const KernelSummary& kernel, con
 }
 
 // EE and MLF of every prepared mixture from one product of the rescaled
-// centred kernel with all score matrices side by side.
+// centred kernel with the score matrices side by side (all but those whose
+// projection is the identity).
 void kernel_terms(const Matrix& x, const KernelSummary& kernel, std::vector<ModelWork>& work)
 {
     const std::size_t n = static_cast<std::size_t>(x.Nrows());
@@ -89,6 +96,12 @@ void kernel_terms(const Matrix& x, const KernelSummary& kernel, std::vector<Mode
     std::size_t cols = 0;
     for (ModelWork& m : work) {
         if (!m.row.scored) continue;
+        if (m.plan.form == ProjectionForm::identity) {
+            m.row.ee = kernel.kxx;  // trace(K*) / scale
+            m.row.mlf = m.row.distance - (kernel.kxx - m.row.ee);
+            m.M.ReSize(0, 0);
+            continue;
+        }
         scored.push_back(&m);
         m.column = cols;
         cols += static_cast<std::size_t>(m.M.Ncols());
@@ -104,7 +117,9 @@ void kernel_terms(const Matrix& x, const KernelSummary& kernel, std::vector<Mode
     std::vector<double> Y;
     centred_kernel_product(x, kernel, B.data(), cols, Y);
     for (ModelWork* m : scored) {
-        m->row.ee = trace_projection_kernel(m->Q, Y.data() + m->column, cols);
+        m->row.ee = m->plan.form == ProjectionForm::factor
+                        ? factor_trace(m->plan, B.data() + m->column, Y.data() + m->column, n, cols)
+                        : trace_projection_kernel(m->Q, Y.data() + m->column, cols);
         m->row.mlf = m->row.distance - (kernel.kxx - m->row.ee);
     }
 }
