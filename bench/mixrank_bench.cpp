@@ -28,6 +28,7 @@
 #include <functional>
 #include <iostream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -107,40 +108,42 @@ double timed(const std::function<void()>& f)
     return seconds_since(t0);
 }
 
-// Times the phases of a default -equal -2 run (G = 6, 10 K-means and 10
-// random starts) by calling the library directly, on the threads the
-// environment allows.
-void phases(const std::string& datafile, int n)
+// Times the phases of a default -equal -2 (or, with method 'U', -unequal
+// -2) run (G = 6, 10 K-means and 10 random starts) by calling the library
+// directly, on the threads the environment allows.
+void phases(const std::string& datafile, int n, int d, char method)
 {
     using namespace mixrank;
     RandomStream random(1);
     std::streambuf* old = std::cout.rdbuf(nullptr);  // the routines' own messages
     Matrix x;
     double t_read = timed([&] {
-        x = read_data(datafile, n, 4);
+        x = read_data(datafile, n, d);
         scale_columns(x);
     });
     KernelSummary kernel;
     const double t_kernel = timed([&] { kernel = kernel_summary(x, 0.5); });
     std::ostringstream param;
-    const double t_fit = timed([&] { emsr(x, "bench.param", param, 6, 10, 10, 'E', random); });
+    const double t_fit = timed([&] { emsr(x, "bench.param", param, 6, 10, 10, method, random); });
     std::istringstream models(param.str());
     std::ostringstream screen;
-    const double t_risk = timed([&] { risk_calculation(x, kernel, 6, CovarianceModel::common, models, "bench.param", screen); });
+    const CovarianceModel model = method == 'U' ? CovarianceModel::per_component : CovarianceModel::common;
+    const double t_risk = timed([&] { risk_calculation(x, kernel, 6, model, models, "bench.param", screen); });
     std::cout.rdbuf(old);
-    std::printf("  phases n=%d: read+scale %.2fs, kernel %.2fs, fitting (linkage, K-means, EM) %.2fs, "
+    std::printf("  phases %s n=%d: read+scale %.2fs, kernel %.2fs, fitting (linkage, K-means, EM) %.2fs, "
                 "risk of six models %.2fs\n",
-                n, t_read, t_kernel, t_fit, t_risk);
+                method == 'U' ? "-unequal -2" : "-equal -2", n, t_read, t_kernel, t_fit, t_risk);
 }
 
-// Wall seconds of R's mclust fitting the common-covariance model (EEE) with
-// one start for G = 1..6 on the data file, as R's own timer reports it;
-// negative when Rscript or the mclust package is not available.
-double mclust_seconds(const std::string& dir)
+// Wall seconds of R's mclust fitting one covariance family (EEE: common,
+// VVV: per component) with one start for G = 1..6 on the data file, as R's
+// own timer reports it; negative when Rscript or the mclust package is not
+// available.
+double mclust_seconds(const std::string& dir, const std::string& family)
 {
     const std::string script =
         "suppressMessages(library(mclust)); x <- as.matrix(read.table('bench.dat')); "
-        "t <- system.time(m <- Mclust(x, G = 1:6, modelNames = 'EEE', verbose = FALSE)); "
+        "t <- system.time(m <- Mclust(x, G = 1:6, modelNames = '" + family + "', verbose = FALSE)); "
         "cat(t[['elapsed']], file = 'mclust.time')";
     const std::string timefile = dir + "/mclust.time";
     std::remove(timefile.c_str());
@@ -205,12 +208,46 @@ std::vector<std::string> word_list(const char* text)
     return v;
 }
 
-// The arguments of one named run.
-std::vector<std::string> run_arguments(const std::string& run)
+// The arguments of one named run on n x d data.
+std::vector<std::string> run_arguments(const std::string& run, int n, int d)
 {
-    if (run == "e2") return {"-equal", "-2", "-i", "bench.dat", "-p", "e.param", "-s", "1"};
-    if (run == "u2") return {"-unequal", "-2", "-i", "bench.dat", "-p", "u.param", "-s", "1"};
-    return {"-equal", "-1", "-i", "bench.dat", "-p", "e.param", "-s", "1"};
+    std::vector<std::string> a;
+    if (run == "e2") a = {"-equal", "-2", "-i", "bench.dat", "-p", "e.param", "-s", "1"};
+    else if (run == "u2") a = {"-unequal", "-2", "-i", "bench.dat", "-p", "u.param", "-s", "1"};
+    else a = {"-equal", "-1", "-i", "bench.dat", "-p", "e.param", "-s", "1"};
+    // The size given: lines of many columns are longer than the reader's guess allows.
+    for (const std::string& v : {std::string("-n"), std::to_string(n), std::string("-d"), std::to_string(d)}) a.push_back(v);
+    return a;
+}
+
+// The mclust family compared with a run: EEE with the common covariance.
+std::string family_of(const std::string& run) { return run == "u2" ? "VVV" : "EEE"; }
+
+// The numbers of a whitespace-separated data file, its rows and columns.
+struct DataFile {
+    std::string text;
+    int n = 0, d = 0;
+};
+
+DataFile read_data_file(const std::string& path)
+{
+    DataFile f;
+    std::ifstream in(path);
+    std::string line;
+    std::ostringstream out;
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        int count = 0;
+        for (std::string v; fields >> v;) ++count;
+        if (count == 0) continue;
+        if (f.d != 0 && count != f.d) throw std::runtime_error("rows of different lengths in " + path);
+        f.d = count;
+        ++f.n;
+        out << line << '\n';
+    }
+    if (f.n == 0) throw std::runtime_error("no numbers in " + path);
+    f.text = out.str();
+    return f;
 }
 
 std::string run_name(const std::string& run)
@@ -228,6 +265,7 @@ int main(int argc, char** argv)
     std::string binary = MIXRANK_BINARY;
     bool with_phases = false, with_mclust = false;
     int models_from = 0, repeat = 1;
+    std::string data_path;  // a data file instead of the synthetic sizes
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
@@ -245,12 +283,14 @@ int main(int argc, char** argv)
             runs = word_list(argv[++i]);
         } else if (a == "--repeat" && more) {
             repeat = std::max(1, std::atoi(argv[++i]));
+        } else if (a == "--data" && more) {
+            data_path = argv[++i];
         } else if (a == "--models-from" && more) {
             models_from = std::atoi(argv[++i]);
         } else {
             std::fprintf(stderr,
                          "usage: mixrank_bench [--sizes N,...] [--runs e2,u2,e1] [--threads 1,2] "
-                         "[--models-from N] [--repeat R] [--mclust] [--phases] [--binary PATH]\n");
+                         "[--models-from N] [--repeat R] [--mclust] [--phases] [--binary PATH] [--data FILE]\n");
             return 2;
         }
     }
@@ -260,30 +300,41 @@ int main(int argc, char** argv)
     const std::string datafile = dir + "/bench.dat";
     std::printf("%8s  %-12s %7s %10s %s%10s\n", "n", "run", "threads", repeat > 1 ? "median s" : "wall s",
                 repeat > 1 ? "(min-max)       " : "", "peak MB");
+    DataFile given;
+    if (!data_path.empty()) {
+        given = read_data_file(data_path);
+        sizes = {given.n};
+    }
+    const int d = data_path.empty() ? 4 : given.d;
     for (int n : sizes) {
         if (models_from > 0) {  // the stored models come from a smaller sample
             std::ofstream(datafile) << synthetic_data(models_from);
-            run_binary(binary, dir, run_arguments("e2"), 0);
+            run_binary(binary, dir, run_arguments("e2", models_from, d), 0);
         }
-        std::ofstream(datafile) << synthetic_data(n);
+        std::ofstream(datafile) << (data_path.empty() ? synthetic_data(n) : given.text);
         // Rounds of every run and thread count, then mclust: each line's
         // repetitions spread over the whole measurement.
         const std::size_t lines = runs.size() * threads.size();
         std::vector<std::vector<double>> walls(lines);
         std::vector<long> peaks(lines, 0);
         std::vector<bool> failed(lines, false);
-        std::vector<double> mclust;
+        // mclust's families for the runs asked for, in the order first met.
+        std::vector<std::string> families;
+        for (const std::string& r : runs)
+            if (r != "e1" && std::find(families.begin(), families.end(), family_of(r)) == families.end())
+                families.push_back(family_of(r));
+        std::vector<std::vector<double>> mclust(families.size());
         for (int round = 0; round < repeat; ++round) {
             for (std::size_t l = 0; l < lines; ++l) {
-                const ChildRun r = run_binary(binary, dir, run_arguments(runs[l / threads.size()]),
+                const ChildRun r = run_binary(binary, dir, run_arguments(runs[l / threads.size()], n, d),
                                               threads[l % threads.size()]);
                 walls[l].push_back(r.wall);
                 peaks[l] = std::max(peaks[l], r.peak_kb);
                 failed[l] = failed[l] || r.status != 0;
             }
-            if (with_mclust) {
-                const double t = mclust_seconds(dir);
-                if (t >= 0.0) mclust.push_back(t);
+            for (std::size_t f = 0; with_mclust && f < families.size(); ++f) {
+                const double t = mclust_seconds(dir, families[f]);
+                if (t >= 0.0) mclust[f].push_back(t);
             }
         }
         for (std::size_t l = 0; l < lines; ++l) {
@@ -291,16 +342,23 @@ int main(int argc, char** argv)
                         threads[l % threads.size()], wall_column(walls[l]).c_str(), peaks[l] / 1024.0,
                         failed[l] ? "  (failed)" : "");
         }
-        if (with_mclust && mclust.empty()) std::printf("%8d  mclust EEE   (Rscript with the mclust package not available)\n", n);
-        if (!mclust.empty()) {
-            std::printf("%8d  %-12s %7s %s\n", n, "mclust EEE", "", wall_column(mclust).c_str());
+        for (std::size_t f = 0; with_mclust && f < families.size(); ++f) {
+            const std::string label = "mclust " + families[f];
+            if (mclust[f].empty()) {
+                std::printf("%8d  %s   (Rscript with the mclust package not available)\n", n, label.c_str());
+                continue;
+            }
+            std::printf("%8d  %-12s %7s %s\n", n, label.c_str(), "", wall_column(mclust[f]).c_str());
             for (std::size_t l = 0; l < lines; ++l)
-                if (runs[l / threads.size()] == "e2")
-                    std::printf("  -equal -2 with %d thread(s) / mclust EEE, medians: %.2f\n",
-                                threads[l % threads.size()], spread(walls[l]).median / spread(mclust).median);
+                if (runs[l / threads.size()] != "e1" && family_of(runs[l / threads.size()]) == families[f])
+                    std::printf("  %s with %d thread(s) / %s, medians: %.2f\n", run_name(runs[l / threads.size()]).c_str(),
+                                threads[l % threads.size()], label.c_str(),
+                                spread(walls[l]).median / spread(mclust[f]).median);
         }
         std::fflush(stdout);
-        if (with_phases) phases(datafile, n);
+        for (const char* run : {"e2", "u2"})
+            if (with_phases && std::find(runs.begin(), runs.end(), run) != runs.end())
+                phases(datafile, n, d, run[0] == 'u' ? 'U' : 'E');
     }
     for (const char* name : {"bench.dat", "bench.dat.std", "e.param", "u.param", "bench.equal.risk", "bench.unequal.risk"})
         std::remove((dir + "/" + name).c_str());

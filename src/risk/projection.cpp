@@ -163,6 +163,51 @@ double largest_entry(const Matrix& W, const Matrix& Q)
     return maxval;
 }
 
+// Columns of P - P*P looked at before the whole matrix is formed.
+constexpr std::size_t kProbeColumns = 8;
+
+// The largest |entry| in a few columns of P - P*P (P = M Q), each column j
+// formed as P e_j - P (P e_j) in extended precision: a lower bound of the
+// largest entry of the whole matrix, for a few n x P products. The columns
+// are those where Q's columns are longest, since |(P - P*P)(i, j)| is at
+// most |row i of M (I - Q M)| |column j of Q|.
+double probed_instability(const Matrix& M, const Matrix& Q)
+{
+    const std::size_t n = static_cast<std::size_t>(M.Nrows()), P = static_cast<std::size_t>(M.Ncols());
+    const Real* m = M.Store();
+    const Real* q = Q.Store();
+    std::vector<double> length(n, 0.0);
+    for (std::size_t a = 0; a < P; ++a)
+        for (std::size_t j = 0; j < n; ++j) length[j] += q[a * n + j] * q[a * n + j];
+    std::vector<std::size_t> order(n);
+    for (std::size_t j = 0; j < n; ++j) order[j] = j;
+    const std::size_t count = std::min(kProbeColumns, n);
+    std::partial_sort(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(count), order.end(),
+                      [&](std::size_t a, std::size_t b) { return length[a] > length[b] || (length[a] == length[b] && a < b); });
+    double largest = 0.0;
+    std::vector<long double> v(n), qv(P);
+    for (std::size_t c = 0; c < count; ++c) {
+        const std::size_t j = order[c];
+        for (std::size_t i = 0; i < n; ++i) {  // v = M Q e_j
+            long double t = 0.0L;
+            for (std::size_t a = 0; a < P; ++a) t += static_cast<long double>(m[i * P + a]) * q[a * n + j];
+            v[i] = t;
+        }
+        for (std::size_t a = 0; a < P; ++a) {  // Q v
+            long double t = 0.0L;
+            for (std::size_t i = 0; i < n; ++i) t += q[a * n + i] * v[i];
+            qv[a] = t;
+        }
+        for (std::size_t i = 0; i < n; ++i) {  // v - M Q v
+            long double t = 0.0L;
+            for (std::size_t a = 0; a < P; ++a) t += m[i * P + a] * qv[a];
+            const double entry = static_cast<double>(v[i] - t);
+            largest = largest_magnitude(&entry, 1, largest);
+        }
+    }
+    return largest;
+}
+
 }  // namespace
 
 // (M'M)^-1 M' exactly as the matrix library forms (M.t() * M).i() * M.t():
@@ -200,6 +245,8 @@ double projection_instability(const Matrix& M, const Matrix& Q)
 bool projection_unstable(const Matrix& M, const Matrix& Q, double limit)
 {
     check_factor(M, Q);
+    // A few columns settle it when they already lie well above the limit.
+    if (probed_instability(M, Q) > 2.0 * limit) return true;
     // |(W Q)(i, j)| <= |row i of W| |column j of Q| (Cauchy-Schwarz), with
     // W = M (I - Q M). When the largest such product lies clearly below the
     // limit, so does every entry; otherwise the entries are formed.
