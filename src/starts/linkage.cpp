@@ -330,14 +330,19 @@ private:
         std::size_t best = kNone;
         double min = kSentinel;  // so v < min also keeps v below the sentinel
         dist_.visit(c, 0, n_ - 1 - c, [&](const double* col, std::size_t k, std::size_t count) {
+            // The running minimum in a local, so that it stays in a register.
+            double low = min;
+            std::size_t at = best;
+            const char* alive = alive_.data() + c + 1 + k;
             for (std::size_t m = 0; m < count; ++m) {
                 const double v = col[m];
-                const std::size_t r = c + 1 + k + m;
-                if (v > 0.0 && v < min && alive_[r]) {
-                    min = v;
-                    best = r;
+                if (v > 0.0 && v < low && alive[m]) {
+                    low = v;
+                    at = c + 1 + k + m;
                 }
             }
+            min = low;
+            best = at;
         });
         row_[c] = best;
         watch(c);
