@@ -15,11 +15,14 @@ std::size_t FitData::packed_length(int p)
     return length + length % 2;
 }
 
+std::size_t FitData::with_one_length(int p) { return (static_cast<std::size_t>(p) + 2) / 2 * 2; }
+
 FitData::FitData(const Matrix& x)
     : n_(static_cast<std::size_t>(x.Nrows())),
       p_(x.Ncols()),
       rows_(x.Store(), x.Store() + n_ * static_cast<std::size_t>(std::max(p_, 0))),
       columns_(rows_.size()),
+      with_one_(n_ * with_one_length(std::max(p_, 0)), 0.0),
       squares_(n_ * packed_length(p_), 0.0)
 {
     if (p_ < 1) return;  // nothing to lay out: the fits refuse data without columns
@@ -27,8 +30,11 @@ FitData::FitData(const Matrix& x)
     for (std::size_t i = 0; i < n_; ++i) {
         const double* xi = row(i);
         double* sq = &squares_[i * length];
+        double* one = &with_one_[i * with_one_length(p_)];
+        one[0] = 1.0;
         for (std::size_t a = 0; a < p; ++a) {
             columns_[a * n_ + i] = xi[a];
+            one[1 + a] = xi[a];
             for (std::size_t b = a; b < p; ++b) *sq++ = xi[a] * xi[b];
         }
     }
@@ -64,6 +70,12 @@ void add_block(double* __restrict sum, const double* __restrict w)
     for (std::size_t b = 0; b < kBlock; ++b) sum[b] += w[b];
 }
 
+// out[b] = 1 / sum[b] over a whole block (a short block's tail unused).
+void reciprocals(double* __restrict out, const double* __restrict sum)
+{
+    for (std::size_t b = 0; b < kBlock; ++b) out[b] = 1.0 / sum[b];
+}
+
 }  // namespace
 
 double expectation(const FitData& x, const std::vector<NormalDensity>& dens, State& s)
@@ -75,7 +87,7 @@ double expectation(const FitData& x, const std::vector<NormalDensity>& dens, Sta
     NormalDensity::Scratch scratch(x.p());
     // The weights pi_k f_k(x_b) of a block, component by component (the
     // tail of a short block unused).
-    std::vector<double> block(K * kBlock);
+    std::vector<double> block(K * kBlock), scale(kBlock);
     double loglik = 0.0;
     for (std::size_t first = 0; first < n; first += kBlock) {
         const std::size_t count = std::min(kBlock, n - first);
@@ -89,10 +101,10 @@ double expectation(const FitData& x, const std::vector<NormalDensity>& dens, Sta
         double* sum = scratch.q.data();
         std::fill(sum, sum + kBlock, 0.0);
         for (std::size_t k = 0; k < K; ++k) add_block(sum, &block[k * kBlock]);
+        reciprocals(scale.data(), sum);
         for (std::size_t b = 0; b < count; ++b) {
-            const double scale = 1.0 / sum[b];
             double* wi = ws + (first + b) * K;
-            for (std::size_t k = 0; k < K; ++k) wi[k] = block[k * kBlock + b] * scale;
+            for (std::size_t k = 0; k < K; ++k) wi[k] = block[k * kBlock + b] * scale[b];
         }
         for (std::size_t b = 0; b < count; ++b) loglik += libm_log(sum[b]);
         s.last_density = sum[count - 1];
@@ -107,18 +119,14 @@ void update_means(const FitData& x, State& s)
     // w_ik itself, so every sum is the plain one, in observation order.
     constexpr std::size_t kBlock = 64;
     const std::size_t n = x.n(), p = static_cast<std::size_t>(x.p()), K = static_cast<std::size_t>(s.K);
-    const std::size_t stride = (p + 2) / 2 * 2;  // 1 + p, rounded up to even
-    std::vector<double> rows(kBlock * stride, 0.0), acc(K * stride, 0.0);
+    const std::size_t stride = FitData::with_one_length(x.p());
+    std::vector<double> acc(K * stride, 0.0);
     for (std::size_t first = 0; first < n; first += kBlock) {
         const std::size_t count = std::min(kBlock, n - first);
-        for (std::size_t b = 0; b < count; ++b) {
-            rows[b * stride] = 1.0;
-            std::copy(x.row(first + b), x.row(first + b) + p, &rows[b * stride + 1]);
-        }
         const double* w = s.w.data() + first * K;
         for (std::size_t k = 0; k < K; ++k)
-            weighted_sums::add_weighted_rows<false>(&acc[k * stride], rows.data(), nullptr, stride, w, K, k, k + 1,
-                                                    count);
+            weighted_sums::add_weighted_rows<false>(&acc[k * stride], x.with_one(first), nullptr, stride, w, K, k,
+                                                    k + 1, count);
     }
     double* mu = s.mu.data();
     for (std::size_t k = 0; k < K; ++k) {

@@ -22,10 +22,11 @@
 namespace mixrank {
 
 // The data of the fits in the layouts the passes read: by rows, by columns,
-// and every row's products x_i^T x_i (the upper triangle row by row, (0,0),
-// (0,1), ..., (1,1), ..., padded with a zero to an even length). Built once
-// from the matrix on the calling thread; any number of fits may then read it
-// at once.
+// every row behind a leading 1 (1, x_i, padded with a zero to an even
+// length), and every row's products x_i^T x_i (the upper triangle row by
+// row, (0,0), (0,1), ..., (1,1), ..., padded with a zero to an even length).
+// Built once from the matrix on the calling thread; any number of fits may
+// then read it at once.
 class FitData {
 public:
     explicit FitData(const Matrix& x);
@@ -35,6 +36,10 @@ public:
     const Real* row(std::size_t i) const { return &rows_[i * static_cast<std::size_t>(p_)]; }
     const Real* column(int j) const { return &columns_[static_cast<std::size_t>(j) * n_]; }
     const Real* squares(std::size_t i) const { return &squares_[i * packed_length(p_)]; }
+    const Real* with_one(std::size_t i) const { return &with_one_[i * with_one_length(p_)]; }
+
+    // Entries of a row behind a leading 1, 1 + p padded to even.
+    static std::size_t with_one_length(int p);
 
     // Entries of a packed upper triangle of a p x p matrix, padded to even.
     static std::size_t packed_length(int p);
@@ -42,7 +47,7 @@ public:
 private:
     std::size_t n_;
     int p_;
-    std::vector<double> rows_, columns_, squares_;
+    std::vector<double> rows_, columns_, with_one_, squares_;
 };
 
 namespace em_pass {

@@ -14,10 +14,25 @@ namespace {
 // change (a cycle of label changes would otherwise never end).
 constexpr int kMaxPasses = 10000;
 
+// Observations handled by one block of the assignment.
+constexpr std::size_t kBlock = 64;
+
 struct Rows {
     const Real* x;
     std::size_t n, p;
     const Real* row(std::size_t i) const { return x + i * p; }
+};
+
+// The data dimension by dimension, every dimension padded with zeros to
+// whole blocks: observation i of dimension j at values[j * length + i].
+struct Columns {
+    explicit Columns(const Rows& x) : length((x.n + kBlock - 1) / kBlock * kBlock), values(x.p * length, 0.0)
+    {
+        for (std::size_t i = 0; i < x.n; ++i)
+            for (std::size_t j = 0; j < x.p; ++j) values[j * length + i] = x.row(i)[j];
+    }
+    std::size_t length;
+    std::vector<double> values;
 };
 
 // Initial centres: the observations named by permutation entries 1..K
@@ -31,28 +46,40 @@ void initial_centres(const Rows& x, const std::vector<int>& order, std::size_t K
     }
 }
 
-// Every observation to its nearest centre, all against the same centres.
-void assign(const Rows& x, const std::vector<double>& mu, std::vector<double>& distance, std::vector<double>& grp)
+// out[b] = the sum over the dimensions j, in order and from 0.0, of
+// (m[j] - x(first + b, j))^2, for a whole block: dimension by dimension,
+// loops of constant length that the compiler vectorises.
+void block_distances(double* __restrict out, const Columns& x, std::size_t p, std::size_t first, const double* m)
 {
-    const std::size_t K = distance.size();
-    for (std::size_t i = 0; i < x.n; ++i) {
-        const Real* xi = x.row(i);
-        for (std::size_t k = 0; k < K; ++k) {
-            const double* mk = &mu[k * x.p];
-            double ss = 0.0;
-            for (std::size_t j = 0; j < x.p; ++j) {
-                const double diff = mk[j] - xi[j];
-                ss += diff * diff;
-            }
-            distance[k] = ss;
+    for (std::size_t b = 0; b < kBlock; ++b) out[b] = 0.0;
+    for (std::size_t j = 0; j < p; ++j) {
+        const double* __restrict xj = &x.values[j * x.length + first];
+        const double mj = m[j];
+        for (std::size_t b = 0; b < kBlock; ++b) {
+            const double diff = mj - xj[b];
+            out[b] += diff * diff;
         }
-        grp[i] = mindist(distance.data(), static_cast<int>(K));
     }
 }
 
-bool labels_changed(const std::vector<double>& grp, const std::vector<double>& oldgrp)
+// Every observation to its nearest centre, all against the same centres;
+// true when a label changed.
+bool assign(const Columns& x, std::size_t n, std::size_t p, const std::vector<double>& mu, std::size_t K,
+            std::vector<double>& grp)
 {
-    return grp != oldgrp;  // NaN counts as a change
+    std::vector<double> block(K * kBlock), distance(K);
+    bool changed = false;
+    for (std::size_t first = 0; first < n; first += kBlock) {
+        for (std::size_t k = 0; k < K; ++k) block_distances(&block[k * kBlock], x, p, first, &mu[k * p]);
+        const std::size_t count = std::min(kBlock, n - first);
+        for (std::size_t b = 0; b < count; ++b) {
+            for (std::size_t k = 0; k < K; ++k) distance[k] = block[k * kBlock + b];
+            const double label = mindist(distance.data(), static_cast<int>(K));
+            changed = changed || label != grp[first + b];
+            grp[first + b] = label;
+        }
+    }
+    return changed;
 }
 
 // Centres = group means; an empty group's centre becomes NaN (0 * 1/0).
@@ -84,15 +111,13 @@ void kmeans_check(int n, int K)
 std::vector<double> kmeans_from(const Real* x, std::size_t n, int p, const std::vector<int>& order, int K)
 {
     const Rows data{x, n, static_cast<std::size_t>(p)};
-    std::vector<double> grp(n, 0.0), oldgrp(n), distance(static_cast<std::size_t>(K)), mu;
+    const Columns columns(data);
+    std::vector<double> grp(n, 0.0), mu;
     // grp starts at 0, which no real label is, so the first pass always changes
     initial_centres(data, order, static_cast<std::size_t>(K), mu);
     bool tag = true;
     for (int iterations = 0; tag && iterations < kMaxPasses; ++iterations) {
-        tag = false;
-        oldgrp = grp;
-        assign(data, mu, distance, grp);
-        if (labels_changed(grp, oldgrp)) tag = true;
+        tag = assign(columns, n, data.p, mu, static_cast<std::size_t>(K), grp);
         update_centres(data, grp, static_cast<std::size_t>(K), mu);
     }
     return grp;

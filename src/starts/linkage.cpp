@@ -50,7 +50,8 @@ struct Rows {
 // table whose fresh pages alone cost seconds to map.
 class Dissimilarities {
 public:
-    explicit Dissimilarities(const Rows& x) : n_(x.n), p_(x.p), xt_(x.n * x.p), column_(x.n), capacity_(x.n, 0)
+    explicit Dissimilarities(const Rows& x)
+        : n_(x.n), p_(x.p), rows_(x.x), xt_(x.n * x.p), column_(x.n), capacity_(x.n, 0)
     {
         for (std::size_t i = 0; i < n_; ++i)
             for (std::size_t j = 0; j < p_; ++j) xt_[j * n_ + i] = x.x[i * p_ + j];
@@ -105,22 +106,42 @@ private:
     // Entries k..k+count-1 of column c into out: entry (r, c) is the sum over
     // the dimensions j, in order and from 0.0, of the squared difference of
     // x(r, j) and x(c, j), formed dimension by dimension for the whole piece.
+    // Whole steps of kStep entries keep their sums in registers and run
+    // two to an instruction; the entries after the last whole step are
+    // formed one by one, in the same order.
     void distances(std::size_t c, std::size_t k, std::size_t count, double* __restrict out) const
     {
+        constexpr std::size_t kStep = 8;
         const double* first = xt_.data() + c + 1 + k;  // x(c + 1 + k, 0); dimension j is n_ further on
-        for (std::size_t m = 0; m < count; ++m) out[m] = 0.0;
-        for (std::size_t j = 0; j < p_; ++j) {
-            const double* __restrict xj = first + j * n_;
-            const double xc = xt_[j * n_ + c];
-            for (std::size_t m = 0; m < count; ++m) {
-                const double diff = xj[m] - xc;
-                out[m] += diff * diff;
+        const double* xc = rows_ + c * p_;  // x(c, 0), dimension j next to it
+        std::size_t m = 0;
+        for (; m + kStep <= count; m += kStep) {
+            double sum[kStep] = {};
+            for (std::size_t j = 0; j < p_; ++j) {
+                const double* __restrict xj = first + j * n_ + m;
+                const double cj = xc[j];
+#pragma GCC unroll 8
+                for (std::size_t g = 0; g < kStep; ++g) {
+                    const double diff = xj[g] - cj;
+                    sum[g] += diff * diff;
+                }
             }
+#pragma GCC unroll 8
+            for (std::size_t g = 0; g < kStep; ++g) out[m + g] = sum[g];
+        }
+        for (; m < count; ++m) {
+            double sum = 0.0;
+            for (std::size_t j = 0; j < p_; ++j) {
+                const double diff = first[j * n_ + m] - xc[j];
+                sum += diff * diff;
+            }
+            out[m] = sum;
         }
     }
 
     std::size_t n_, p_;
-    std::vector<double> xt_;  // the data dimension by dimension
+    const Real* rows_;        // the data row by row (the caller's)
+    std::vector<double> xt_;  // and dimension by dimension
     std::vector<std::unique_ptr<double[]>> column_;
     std::vector<std::size_t> capacity_;
     std::multimap<std::size_t, std::unique_ptr<double[]>> spare_;
@@ -309,14 +330,19 @@ private:
         std::size_t best = kNone;
         double min = kSentinel;  // so v < min also keeps v below the sentinel
         dist_.visit(c, 0, n_ - 1 - c, [&](const double* col, std::size_t k, std::size_t count) {
+            // The running minimum in a local, so that it stays in a register.
+            double low = min;
+            std::size_t at = best;
+            const char* alive = alive_.data() + c + 1 + k;
             for (std::size_t m = 0; m < count; ++m) {
                 const double v = col[m];
-                const std::size_t r = c + 1 + k + m;
-                if (v > 0.0 && v < min && alive_[r]) {
-                    min = v;
-                    best = r;
+                if (v > 0.0 && v < low && alive[m]) {
+                    low = v;
+                    at = c + 1 + k + m;
                 }
             }
+            min = low;
+            best = at;
         });
         row_[c] = best;
         watch(c);
