@@ -13,6 +13,7 @@
 #include "mixture/mixture.h"
 #include "risk/bandwidth.h"
 #include "risk/scoring.h"
+#include "starts/multi_start.h"
 
 namespace mixrank {
 
@@ -147,11 +148,12 @@ Selection select_mixtures(const Data& data, const SelectSettings& settings, cons
         say(progress, "evaluating the kernel");
         const Kernel kernel = make_kernel(data, s.h);
         std::vector<Mixture> fits;
+        LinkagePartitions linkage;  // the same for both models
         for (CovarianceModel model : settings.models) {
             say(progress, std::string("fitting with ") + model_words(model));
             RandomStream random(settings.seed);
             const std::vector<Mixture> some =
-                fit_mixtures(data, model, settings.max_components, settings.starts, random, progress);
+                fit_mixtures_sharing(data, model, settings.max_components, settings.starts, random, progress, linkage);
             // Scored as the classic program scores them: as its parameter
             // file stores them.
             for (const Mixture& m : some) fits.push_back(stored_form(m));

@@ -164,10 +164,12 @@ struct CountWork {
 class CountFits {
 public:
     CountFits(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd, RandomStream& random,
-              Fitting fitting)
+              Fitting fitting, const LinkagePartitions* known)
         : model_(model), fitting_(fitting), max_(max), data_(x)
     {
-        if (max >= 2) {
+        if (max >= 2 && known != nullptr && known->max == max) {
+            labels_ = known->labels;  // ready: the linkage starts need not wait
+        } else if (max >= 2) {
             rules_.reset(new LinkageRules(x));
             const bool side_by_side = rules_side_by_side(kRules.size(), data_.n(), data_.p());
             labels_.resize(kRules.size());
@@ -197,6 +199,9 @@ public:
             if (failure) std::rethrow_exception(failure);
         }
     }
+
+    // The linkage partitions, once rules_done has returned.
+    LinkagePartitions partitions() const { return {max_ >= 2 ? max_ : 0, labels_}; }
 
     // Reports g's abandoned starts in table order and returns the fit chosen
     // by BestStart; a failure comes out after the reports of the starts
@@ -322,11 +327,13 @@ void check_fit_settings(int max, int kmn, int rnd, CovarianceModel model)
 }
 
 std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd,
-                                RandomStream& random, StartChoice choice, const Progress& progress, Fitting fitting)
+                                RandomStream& random, StartChoice choice, const Progress& progress, Fitting fitting,
+                                LinkagePartitions* linkage)
 {
     check_fit_settings(max, kmn, rnd, model);
-    CountFits fits(x, model, max, kmn, rnd, random, fitting);
+    CountFits fits(x, model, max, kmn, rnd, random, fitting, linkage);
     fits.rules_done(progress);
+    if (linkage != nullptr && linkage->max != max) *linkage = fits.partitions();
     std::vector<Mixture> best;
     for (int g = 1; g <= max; ++g) {
         if (progress.count_started) progress.count_started(g);
@@ -367,8 +374,11 @@ void check_start_memory(std::size_t p, int max, int kmn, int rnd, char method, s
 
 namespace mixrank {
 
-std::vector<Mixture> fit_mixtures(const Data& data, CovarianceModel model, int max_components,
-                                  const StartSettings& starts, RandomStream& random, const Progress& progress)
+namespace {
+
+std::vector<Mixture> fit_checked(const Data& data, CovarianceModel model, int max_components,
+                                 const StartSettings& starts, RandomStream& random, const Progress& progress,
+                                 LinkagePartitions* linkage)
 {
     return as_library_errors([&] {
         if (max_components < 1)
@@ -384,9 +394,24 @@ std::vector<Mixture> fit_mixtures(const Data& data, CovarianceModel model, int m
                            linkage_memory_limit());
         return while_doing("fitting the models", [&] {
             return fit_counts(data_matrix(data), model, max_components, starts.kmeans_starts, starts.random_starts,
-                              random, starts.choice, progress, starts.fitting);
+                              random, starts.choice, progress, starts.fitting, linkage);
         });
     });
+}
+
+}  // namespace
+
+std::vector<Mixture> fit_mixtures(const Data& data, CovarianceModel model, int max_components,
+                                  const StartSettings& starts, RandomStream& random, const Progress& progress)
+{
+    return fit_checked(data, model, max_components, starts, random, progress, nullptr);
+}
+
+std::vector<Mixture> fit_mixtures_sharing(const Data& data, CovarianceModel model, int max_components,
+                                          const StartSettings& starts, RandomStream& random,
+                                          const Progress& progress, LinkagePartitions& linkage)
+{
+    return fit_checked(data, model, max_components, starts, random, progress, &linkage);
 }
 
 }  // namespace mixrank

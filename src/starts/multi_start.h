@@ -19,11 +19,26 @@ namespace mixrank {
 // the per-component model.
 void check_fit_settings(int max, int kmn, int rnd, CovarianceModel model);
 
+// The partitions of the three linkage rules for g = max down to 2, which
+// depend on the data alone: fits of both covariance models on the same data
+// find them once.
+struct LinkagePartitions {
+    int max = 0;                                            // 0: not found yet
+    std::vector<std::vector<std::vector<double>>> labels;  // [rule][max - g]
+};
+
 // The best fit of every g = 1..max, reported through progress as it comes,
-// in table order.
+// in table order. With `linkage` given, its partitions are used when they
+// were found for this max (on the same data), and otherwise found and kept
+// there.
 std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max, int kmn, int rnd,
                                 RandomStream& random, StartChoice choice, const Progress& progress,
-                                Fitting fitting = Fitting::classic);
+                                Fitting fitting = Fitting::classic, LinkagePartitions* linkage = nullptr);
+
+// fit_mixtures with the linkage partitions shared as fit_counts shares them.
+std::vector<Mixture> fit_mixtures_sharing(const Data& data, CovarianceModel model, int max_components,
+                                          const StartSettings& starts, RandomStream& random,
+                                          const Progress& progress, LinkagePartitions& linkage);
 
 // Memory the starts of g = 1..max hold until the last g is written: for
 // each start its place on the worker board, its messages and its fit (the
