@@ -181,6 +181,28 @@ TEST(Library, FitMixturesGivesTheClassicRecordsAndReportsInTableOrder)
     }
 }
 
+// The linkage partitions found for one covariance model serve the other: its fits are those it gets alone,
+// and partitions found for another number of components are not used.
+TEST(Library, SharedLinkagePartitionsGiveTheFitsOfSeparateRuns)
+{
+    const Matrix x = iris();
+    const Data data = prepare_data(x.Store(), 150, 4);
+    StartSettings starts;
+    starts.kmeans_starts = 2;
+    starts.random_starts = 2;
+    LinkagePartitions shared;
+    for (const int max : {4, 3})
+        for (const CovarianceModel model : {CovarianceModel::common, CovarianceModel::per_component}) {
+            RandomStream alone(5), sharing(5);
+            const std::vector<Mixture> want = fit_mixtures(data, model, max, starts, alone);
+            EXPECT_EQ(blocks(fit_mixtures_sharing(data, model, max, starts, sharing, Progress(), shared)), blocks(want))
+                << max;
+            EXPECT_EQ(shared.max, max);
+            ASSERT_EQ(shared.labels.size(), 3u);
+            EXPECT_EQ(shared.labels[0].size(), static_cast<std::size_t>(max - 1)) << "partitions into max..2 groups";
+        }
+}
+
 // Starts abandoned because a component fell below 4 observations are reported for the common model only,
 // where and as the classic estimator says so. Twelve points leave one of four components at most 3 in every
 // start.
