@@ -41,10 +41,11 @@ public:
     bool inverse(std::vector<double>& out) const;
     LogAndSign log_determinant() const;
 
-private:
-    // Solves in place for one right-hand side, as the library's
-    // substitution does.
+    // Solves in place for one right-hand side b (length n), as the
+    // library's substitution does; only when not singular.
     void substitute(double* b) const;
+
+private:
 
     int n_;
     std::vector<double> lu_;

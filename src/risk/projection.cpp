@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/parallel.h"
+#include "mixture/crout.h"
 #include "common/settings.h"
 
 namespace mixrank {
@@ -217,7 +218,27 @@ void projection_factor(const Matrix& M, Matrix& Q)
 {
     Matrix A;
     cross_product(M, A);
-    Q = A.i() * M.t();
+    // The library's factor of A, then its substitution for each column of
+    // M' on the worker threads; where it would refuse A, its own refusal.
+    const int P = A.Nrows();
+    const CroutFactor factor(A.Store(), P);
+    if (factor.singular()) {
+        Q = A.i() * M.t();
+        return;
+    }
+    const std::size_t n = static_cast<std::size_t>(M.Nrows()), width = static_cast<std::size_t>(P);
+    Q.ReSize(P, M.Nrows());
+    const Real* m = M.Store();
+    Real* q = Q.Store();
+    constexpr std::size_t kColumns = 16;
+    parallel_for((n + kColumns - 1) / kColumns, [&](std::size_t block) {
+        std::vector<double> column(width);
+        for (std::size_t j = block * kColumns; j < std::min(n, (block + 1) * kColumns); ++j) {
+            std::copy(m + j * width, m + (j + 1) * width, column.begin());
+            factor.substitute(column.data());
+            for (std::size_t a = 0; a < width; ++a) q[a * n + j] = column[a];
+        }
+    });
 }
 
 double trace_projection_kernel(const Matrix& Q, const double* Y, std::size_t ld)
