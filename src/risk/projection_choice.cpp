@@ -44,7 +44,7 @@ bool has_zero_or_repeated_column(const Matrix& M)
 {
     const std::size_t n = static_cast<std::size_t>(M.Nrows()), P = static_cast<std::size_t>(M.Ncols());
     const Real* m = M.Store();
-    std::vector<std::size_t> hashes(P, 1469598103934665603ULL);
+    std::vector<std::uint64_t> hashes(P, 1469598103934665603ULL);  // FNV-1a over the bits of each column
     std::vector<bool> zero(P, true);
     for (std::size_t i = 0; i < n; ++i)
         for (std::size_t a = 0; a < P; ++a) {
@@ -54,7 +54,7 @@ bool has_zero_or_repeated_column(const Matrix& M)
             std::memcpy(&bits, &v, sizeof bits);
             hashes[a] = (hashes[a] ^ bits) * 1099511628211ULL;
         }
-    std::unordered_set<std::size_t> seen;
+    std::unordered_set<std::uint64_t> seen;
     for (std::size_t a = 0; a < P; ++a) {
         if (zero[a]) return true;
         if (!seen.insert(hashes[a]).second) return true;  // equal, or a hash collision: careful either way
