@@ -37,32 +37,29 @@ double factor_in_place(std::vector<double>& S, int m)
     return info == 0 && std::isfinite(rcond) ? rcond : 0.0;
 }
 
-// Whether some column of M is all zeros or equals another bit for bit: the
-// matrix library's elimination may then meet an exactly zero pivot, which
-// only the defining form reproduces.
-bool has_zero_or_repeated_column(const Matrix& M)
+// Whether some column of M equals another bit for bit: the matrix
+// library's elimination may then meet an exactly zero pivot, which only the
+// defining form reproduces. (A column of zeros has no length: the column
+// scaling refuses it.)
+bool has_repeated_column(const Matrix& M)
 {
     const std::size_t n = static_cast<std::size_t>(M.Nrows()), P = static_cast<std::size_t>(M.Ncols());
     const Real* m = M.Store();
     std::vector<std::uint64_t> hashes(P, 1469598103934665603ULL);  // FNV-1a over the bits of each column
-    std::vector<bool> zero(P, true);
     for (std::size_t i = 0; i < n; ++i)
         for (std::size_t a = 0; a < P; ++a) {
-            const double v = m[i * P + a];
-            if (v != 0.0) zero[a] = false;
             std::uint64_t bits;
-            std::memcpy(&bits, &v, sizeof bits);
+            std::memcpy(&bits, &m[i * P + a], sizeof bits);
             hashes[a] = (hashes[a] ^ bits) * 1099511628211ULL;
         }
     std::unordered_set<std::uint64_t> seen;
-    for (std::size_t a = 0; a < P; ++a) {
-        if (zero[a]) return true;
-        if (!seen.insert(hashes[a]).second) return true;  // equal, or a hash collision: careful either way
-    }
+    for (std::uint64_t h : hashes)
+        if (!seen.insert(h).second) return true;  // equal, or a hash collision: careful either way
     return false;
 }
 
-// 1 / |column a| for every column of M; empty when one is not finite.
+// 1 / |column a| for every column of M; empty when one is not finite (a
+// column of zeros, or one too long or too short to scale).
 std::vector<double> inverse_column_norms(const Matrix& M)
 {
     const std::size_t n = static_cast<std::size_t>(M.Nrows()), P = static_cast<std::size_t>(M.Ncols());
@@ -101,7 +98,7 @@ ProjectionPlan plan_projection(const Matrix& M)
     ProjectionPlan plan;
     plan.condition = HUGE_VAL;
     const int n = M.Nrows(), P = M.Ncols();
-    if (n == 0 || P == 0 || has_zero_or_repeated_column(M)) return plan;
+    if (n == 0 || P == 0 || has_repeated_column(M)) return plan;
     plan.column_scale = inverse_column_norms(M);
     if (plan.column_scale.empty()) return plan;
     // Single-threaded BLAS: the same bits for any number of threads.
