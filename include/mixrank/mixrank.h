@@ -78,8 +78,10 @@ struct Mixture {
     FitStatus status = FitStatus::given;
     int passes = 0;  // EM passes made (0 when given)
     // Fitted: the start it came from (0-based, in table order: 3 linkage,
-    // then K-means, then random starts), and whether the classic program's
-    // choice of the best start picks the same one. -1 and true when given.
+    // then K-means, then random starts; -2 when fitting to convergence took
+    // it from the best fit of g + 1 with two components merged), and whether
+    // the classic program's choice of the best start picks the same one. -1
+    // and true when given.
     int start = -1;
     bool classic_choice = true;
 

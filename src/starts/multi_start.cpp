@@ -18,6 +18,7 @@
 #include "mixture/mixture.h"
 #include "starts/kmeans.h"
 #include "starts/linkage.h"
+#include "starts/merge_start.h"
 #include "starts/random_starts.h"
 
 namespace mixrank {
@@ -69,6 +70,10 @@ StartFit fit_start(CovarianceModel model, const FitData& x, const double* grp, i
 constexpr double kTolerance = 1e-7;
 const em_pass::Stopping kFirstRound{em_pass::kPassLimit, kTolerance};
 const em_pass::Stopping kToConvergence{500, kTolerance};
+// Passes that rank the merge starts of a fit against each other.
+const em_pass::Stopping kMergeScreen{2, kTolerance};
+// Mixture::start of a fit from a merge start.
+constexpr int kMergedStart = -2;
 constexpr std::size_t kBestContinued = 1, kClimbingContinued = 1;
 
 bool usable(const Mixture& m)
@@ -198,6 +203,42 @@ public:
             if (!board_.wait_while(t, progress.keep_going, failure)) throw Error(Error::Kind::cancelled, "cancelled");
             if (failure) std::rethrow_exception(failure);
         }
+    }
+
+    // The merge starts of `from` (the best fit of g + 1 from its own starts)
+    // for g: every pair of its components for two passes, the best of them
+    // on as a first-round start, and to convergence when it beats `target`,
+    // which it then replaces.
+    void try_merges(Mixture& target, const Mixture& from) const
+    {
+        if (!usable(from)) return;
+        StartFit best;
+        bool found = false;
+        for (int a = 0; a < from.components; ++a)
+            for (int b = a + 1; b < from.components; ++b) {
+                try {
+                    StartFit f = continue_fit(data_, merged_start(from, a, b, data_.n()), kMergeScreen);
+                    if (usable(f.mixture) && (!found || f.mixture.loglik > best.mixture.loglik)) {
+                        best = std::move(f);
+                        found = true;
+                    }
+                } catch (const RefusedCovariance&) {
+                    // that pair gives a covariance that cannot be inverted: not a start
+                }
+            }
+        if (!found) return;
+        try {
+            best = continue_fit(data_, best, kFirstRound);
+            if (usable(best.mixture) && usable(target) && !(best.mixture.loglik > target.loglik)) return;
+            best = continue_fit(data_, best, kToConvergence);
+        } catch (const RefusedCovariance&) {
+            return;
+        }
+        if (!usable(best.mixture) || (usable(target) && !(best.mixture.loglik > target.loglik))) return;
+        const bool classic_choice = target.classic_choice;
+        target = best.mixture;
+        target.start = kMergedStart;
+        target.classic_choice = classic_choice;
     }
 
     // The linkage partitions, once rules_done has returned.
@@ -335,11 +376,25 @@ std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max,
     fits.rules_done(progress);
     if (linkage != nullptr && linkage->max != max) *linkage = fits.partitions();
     std::vector<Mixture> best;
+    const auto report = [&](int g) {
+        if (progress.count_fitted) progress.count_fitted(g, best[static_cast<std::size_t>(g - 1)]);
+    };
+    // Fitting to convergence gives g >= 2 the merge starts of g + 1's fit
+    // too, so g is reported once g + 1's own starts are done.
+    const bool merging = fitting == Fitting::converge;
     for (int g = 1; g <= max; ++g) {
         if (progress.count_started) progress.count_started(g);
         best.push_back(fits.best(g, choice, progress));
-        if (progress.count_fitted) progress.count_fitted(g, best.back());
+        if (!merging || g == 1) {
+            report(g);
+            continue;
+        }
+        if (g >= 3) {
+            fits.try_merges(best[static_cast<std::size_t>(g - 2)], best[static_cast<std::size_t>(g - 1)]);
+            report(g - 1);
+        }
     }
+    if (merging && max >= 2) report(max);
     return best;
 }
 
