@@ -205,8 +205,9 @@ def select(X, *, model="both", max_components: int = 6, bandwidth="auto", kmeans
     fit : {"converge", "classic"}, default "converge"
         "converge" runs EM to convergence (every start for up to 99 passes,
         then the best and the one climbing fastest on to convergence or
-        500 passes, the best by its log-likelihood); "classic" gives the
-        classic mixrank program's fits and table exactly.
+        500 passes; g = 2..G-1 also start from the fit of g + 1 with two
+        components merged; the best by its log-likelihood); "classic" gives
+        the classic mixrank program's fits and table exactly.
 
     Returns
     -------
