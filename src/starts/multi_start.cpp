@@ -209,13 +209,14 @@ public:
     // for g: every pair of its components for two passes, the best of them
     // on as a first-round start, and to convergence when it beats `target`,
     // which it then replaces.
-    void try_merges(Mixture& target, const Mixture& from) const
+    void try_merges(Mixture& target, const Mixture& from, const Progress& progress) const
     {
         if (!usable(from)) return;
         StartFit best;
         bool found = false;
         for (int a = 0; a < from.components; ++a)
             for (int b = a + 1; b < from.components; ++b) {
+                stop_if_cancelled(progress);
                 try {
                     StartFit f = continue_fit(data_, merged_start(from, a, b, data_.n()), kMergeScreen);
                     if (usable(f.mixture) && (!found || f.mixture.loglik > best.mixture.loglik)) {
@@ -228,9 +229,9 @@ public:
             }
         if (!found) return;
         try {
-            best = continue_fit(data_, best, kFirstRound);
+            best = continue_in_steps(best, kFirstRound, progress);
             if (usable(best.mixture) && usable(target) && !(best.mixture.loglik > target.loglik)) return;
-            best = continue_fit(data_, best, kToConvergence);
+            best = continue_in_steps(best, kToConvergence, progress);
         } catch (const RefusedCovariance&) {
             return;
         }
@@ -239,6 +240,23 @@ public:
         target = best.mixture;
         target.start = kMergedStart;
         target.classic_choice = classic_choice;
+    }
+
+    static void stop_if_cancelled(const Progress& progress)
+    {
+        if (progress.keep_going && !progress.keep_going()) throw Error(Error::Kind::cancelled, "cancelled");
+    }
+
+    // continue_fit under `stop`, kStepPasses passes at a time with a look at
+    // progress in between; going on is the same as running at once.
+    StartFit continue_in_steps(StartFit fit, const em_pass::Stopping& stop, const Progress& progress) const
+    {
+        constexpr int kStepPasses = 10;
+        while (fit.mixture.status == FitStatus::pass_limit && fit.iterations <= stop.pass_limit) {
+            stop_if_cancelled(progress);
+            fit = continue_fit(data_, fit, {std::min(fit.iterations + kStepPasses, stop.pass_limit), stop.tolerance});
+        }
+        return fit;
     }
 
     // The linkage partitions, once rules_done has returned.
@@ -390,7 +408,7 @@ std::vector<Mixture> fit_counts(const Matrix& x, CovarianceModel model, int max,
             continue;
         }
         if (g >= 3) {
-            fits.try_merges(best[static_cast<std::size_t>(g - 2)], best[static_cast<std::size_t>(g - 1)]);
+            fits.try_merges(best[static_cast<std::size_t>(g - 2)], best[static_cast<std::size_t>(g - 1)], progress);
             report(g - 1);
         }
     }
