@@ -39,11 +39,11 @@ void prepare(const Matrix& x, const Mixture& final, const KernelSummary& kernel,
     m.M = score(x, final);
     m.P = m.M.Ncols();
     m.plan = plan_projection(m.M);
+    // The cheaper forms are chosen only where the projection is stable.
     if (m.plan.form == ProjectionForm::library) {
         projection_factor(m.M, m.Q);
         m.row.unstable = projection_unstable(m.M, m.Q, kStabilityLimit);
     }
-    // The cheaper forms are chosen only where the projection is stable.
     m.row.scored = true;
 }
 
@@ -98,7 +98,6 @@ void kernel_terms(const Matrix& x, const KernelSummary& kernel, std::vector<Mode
         if (!m.row.scored) continue;
         if (m.plan.form == ProjectionForm::identity) {
             m.row.ee = kernel.kxx;  // trace(K*) / scale
-            m.row.mlf = m.row.distance - (kernel.kxx - m.row.ee);
             m.M.ReSize(0, 0);
             continue;
         }
@@ -116,12 +115,12 @@ void kernel_terms(const Matrix& x, const KernelSummary& kernel, std::vector<Mode
     }
     std::vector<double> Y;
     centred_kernel_product(x, kernel, B.data(), cols, Y);
-    for (ModelWork* m : scored) {
+    for (ModelWork* m : scored)
         m->row.ee = m->plan.form == ProjectionForm::factor
                         ? factor_trace(m->plan, B.data() + m->column, Y.data() + m->column, n, cols)
                         : trace_projection_kernel(m->Q, Y.data() + m->column, cols);
-        m->row.mlf = m->row.distance - (kernel.kxx - m->row.ee);
-    }
+    for (ModelWork& m : work)
+        if (m.row.scored) m.row.mlf = m.row.distance - (kernel.kxx - m.row.ee);
 }
 
 // The criteria from the terms; log n in single precision, as the program
