@@ -32,8 +32,9 @@ const char kHelp[] =
     "                            classic mixrank's fits and table exactly)\n"
     "Scoring:\n"
     "      --bandwidth=H|auto    kernel bandwidth (default: auto, see mixrank-select(1))\n"
-    "      --criterion=C         qbic, qaic, bic or aic: what the recommendation minimises\n"
-    "                            (default: qbic)\n"
+    "      --criterion=C         what the recommendation minimises: qaic-within-bic\n"
+    "                            (default: QAIC among the fits with at most the g\n"
+    "                            of the smallest BIC), qbic, qaic, bic or aic\n"
     "Output:\n"
     "      --json=FILE           write the whole result as JSON\n"
     "      --csv=FILE            write the table as CSV\n"
@@ -123,11 +124,8 @@ void set_option(SelectOptions& o, const std::string& name, const std::string& va
     } else if (name == "--threads") o.threads = static_cast<int>(whole(name, value, 1, 4096));
     else if (name == "--bandwidth") s.bandwidth = value == "auto" ? std::nan("") : positive(name, value);
     else if (name == "--criterion") {
-        if (value == "qbic") s.criterion = Criterion::qbic;
-        else if (value == "qaic") s.criterion = Criterion::qaic;
-        else if (value == "bic") s.criterion = Criterion::bic;
-        else if (value == "aic") s.criterion = Criterion::aic;
-        else usage("option '--criterion' needs qbic, qaic, bic or aic, not '" + value + "'");
+        if (!criterion_from_name(value, s.criterion))
+            usage("option '--criterion' needs qaic-within-bic, qbic, qaic, bic or aic, not '" + value + "'");
     } else if (name == "--json") o.json = value;
     else if (name == "--csv") o.csv = value;
     else if (name == "--class-csv") o.classify_file = value;
@@ -194,17 +192,6 @@ SelectOptions parse_select_options(int argc, char** argv)
 std::string select_help() { return kHelp; }
 
 const char* model_name(CovarianceModel m) { return m == CovarianceModel::common ? "equal" : "unequal"; }
-
-const char* criterion_name(Criterion c)
-{
-    switch (c) {
-        case Criterion::qbic: return "qbic";
-        case Criterion::qaic: return "qaic";
-        case Criterion::bic: return "bic";
-        case Criterion::aic: return "aic";
-    }
-    return "qbic";
-}
 
 const char* status_name(FitStatus s)
 {

@@ -39,7 +39,6 @@ SelectOptions parse_select_options(int argc, char** argv);
 std::string select_help();
 
 const char* model_name(CovarianceModel m);            // "equal" or "unequal"
-const char* criterion_name(Criterion c);              // "qbic", ...
 const char* status_name(FitStatus s);                 // "converged", ...
 
 }  // namespace mixrank

@@ -89,14 +89,18 @@ void recommendation(std::ostringstream& out, const SelectRun& run)
 {
     const Selection& s = *run.selection;
     const Criterion c = run.options->settings.criterion;
-    const std::string name = upper(criterion_name(c));
+    const std::string name = upper(criterion_name(ranking_criterion(c)));
     const Recommendation& r = s.recommendation;
     if (!r.found) {
-        out << "No recommendation: no model was fitted and scored with a finite " << name << ".\n";
+        out << "No recommendation: no model was fitted and scored with a finite " << name
+            << (c == Criterion::qaic_within_bic ? " and BIC" : "") << ".\n";
         return;
     }
     const SelectionRow& best = s.rows[r.row];
-    out << "Recommended (smallest " << name << "): " << model_words(best) << " (" << name << " "
+    const std::string bound = r.component_bound > 0 ? " of the fits with g <= " + std::to_string(r.component_bound) +
+                                                          ", the g of the smallest BIC"
+                                                    : "";
+    out << "Recommended (smallest " << name << bound << "): " << model_words(best) << " (" << name << " "
         << number(criterion_value(best.score, c), 2) << ")";
     if (r.has_runner_up)
         out << "; runner-up: " << model_words(s.rows[r.runner_up]) << " (" << name << " "
@@ -205,6 +209,12 @@ void write_recommendation(JsonWriter& j, const SelectRun& run)
     }
     j.begin_object();
     j.key("criterion").value(criterion_name(c));
+    j.key("ranked_by").value(criterion_name(ranking_criterion(c)));
+    j.key("component_bound");
+    if (r.component_bound > 0)
+        j.value(r.component_bound);
+    else
+        j.null();
     j.key("model").value(model_name(s.rows[r.row].fit.model));
     j.key("g").value(s.rows[r.row].fit.components);
     j.key("value").value(criterion_value(s.rows[r.row].score, c));

@@ -6,7 +6,8 @@ normal mixtures, mixtures of heavy-tailed t components), runs mixrank-select on
 each with --json, and counts how often the recommendation and the strict
 minimum of each criterion (over both covariance models) pick the true g.
 
-    bench/selection_suite.py [--binary build/mixrank-select] [--sets 20] [--n 300]
+    bench/selection_suite.py [--binary build/mixrank-select] [--sets 40] [--n 300]
+                             [--d 2] [--g 3] [--seed 2026] [--extra "--bandwidth=1"]
 
 Not a test: it takes a few minutes and prints a table.
 """
@@ -53,30 +54,34 @@ def minima(rows, key):
 def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     ap.add_argument("--binary", default=os.path.join(os.path.dirname(__file__), "..", "build", "mixrank-select"))
-    ap.add_argument("--sets", type=int, default=20)
+    ap.add_argument("--sets", type=int, default=40)
     ap.add_argument("--n", type=int, default=300)
+    ap.add_argument("--d", type=int, default=2, help="columns")
+    ap.add_argument("--g", type=int, default=3, help="the true number of components")
+    ap.add_argument("--seed", type=int, default=2026)
     ap.add_argument("--extra", default="", help="more options for mixrank-select, e.g. --bandwidth=1")
     args = ap.parse_args()
-    rng = np.random.default_rng(2026)
+    rng = np.random.default_rng(args.seed)
     columns = ("recommended", "qaic", "qbic", "aic", "bic")
     hits = {k: dict.fromkeys(columns, 0) for k in KINDS}
     with tempfile.TemporaryDirectory() as tmp:
         for kind in KINDS:
             for s in range(args.sets):
                 path = os.path.join(tmp, "d.csv")
-                np.savetxt(path, make(kind, args.n, rng), delimiter=",", fmt="%.6f")
+                np.savetxt(path, make(kind, args.n, rng, g=args.g, d=args.d), delimiter=",", fmt="%.6f")
                 out = os.path.join(tmp, "r.json")
                 subprocess.run([args.binary, path, "-q", "--json=" + out] + args.extra.split(),
                                check=True, stdout=subprocess.DEVNULL)
                 with open(out) as f:
                     report = json.load(f)
                 rec = report["recommendation"]
-                hits[kind]["recommended"] += bool(rec) and rec["g"] == 3
+                hits[kind]["recommended"] += bool(rec) and rec["g"] == args.g
                 for c in columns[1:]:
-                    hits[kind][c] += minima(report["rows"], c) == 3
+                    hits[kind][c] += minima(report["rows"], c) == args.g
                 print(f"\r{kind} {s + 1}/{args.sets}", end="", file=sys.stderr)
     print(file=sys.stderr)
-    print(f"true g = 3, n = {args.n}, {args.sets} sets per kind, options: {args.extra or '(defaults)'}")
+    print(f"true g = {args.g}, n = {args.n}, d = {args.d}, seed {args.seed}, {args.sets} sets per kind, "
+          f"options: {args.extra or '(defaults)'}")
     print(f"{'kind':14}" + "".join(f"{c:>13}" for c in columns))
     for kind in KINDS:
         print(f"{kind:14}" + "".join(f"{hits[kind][c]:>10}/{args.sets}" for c in columns))

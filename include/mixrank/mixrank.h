@@ -266,8 +266,18 @@ Classification classify(const Data& data, const Mixture& mixture);
 
 // ---- Model selection: fitting, scoring and a recommendation in one call ----
 
-// The criterion a recommendation minimises.
-enum class Criterion { qbic, qaic, bic, aic };
+// The rule a recommendation follows. qaic_within_bic: the smallest QAIC among
+// the fits with no more components than the fit of the smallest BIC (the
+// likelihood bounds g, the kernel distance chooses within the bound); the
+// others: the smallest value of that criterion.
+enum class Criterion { qaic_within_bic, qbic, qaic, bic, aic };
+
+// "qaic-within-bic", "qbic", "qaic", "bic", "aic".
+const char* criterion_name(Criterion criterion);
+// The criterion of one of those names; false for any other name.
+bool criterion_from_name(const std::string& name, Criterion& criterion);
+// The criterion whose values rank the fits: qaic for qaic_within_bic.
+Criterion ranking_criterion(Criterion criterion);
 
 struct SelectSettings {
     // The covariance models to fit, each for g = 1..max_components.
@@ -277,7 +287,7 @@ struct SelectSettings {
     double bandwidth = std::numeric_limits<double>::quiet_NaN();
     StartSettings starts;
     unsigned seed = 1;  // every model's starts draw from a stream of this seed
-    Criterion criterion = Criterion::qbic;
+    Criterion criterion = Criterion::qaic_within_bic;
 };
 
 // One (model, g) row of a selection: its fit (in the data's units), its
@@ -295,6 +305,8 @@ struct Recommendation {
     bool has_runner_up = false;
     std::size_t runner_up = 0;    // the next best eligible row
     double margin = 0;            // the runner-up's criterion minus the recommended one's
+    int component_bound = 0;      // qaic_within_bic: the g of the smallest BIC, the most a
+                                  // recommended fit may have (0: no bound)
 };
 
 struct Selection {
@@ -306,12 +318,11 @@ struct Selection {
     std::vector<std::string> warnings;
 };
 
-// The value of a criterion in a score.
+// The value of a criterion in a score (QAIC for qaic_within_bic).
 double criterion_value(const ModelScore& score, Criterion criterion);
 
-// Fits, scores and recommends: the eligible row of the smallest criterion
-// value (ties to the earlier row, that is fewer components and the model
-// listed first).
+// Fits, scores and recommends: the eligible row the criterion picks (ties to
+// the earlier row, that is fewer components and the model listed first).
 Selection select_mixtures(const Data& data, const SelectSettings& settings, const Progress& progress = {});
 
 }  // namespace mixrank

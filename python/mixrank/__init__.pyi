@@ -38,6 +38,8 @@ class Recommendation(NamedTuple):
     criterion: str
     runner_up: Optional[RunnerUp]
     margin: Optional[float]
+    ranked_by: str
+    component_bound: Optional[int]
 
 class Selection:
     table: dict[str, np.ndarray]

@@ -84,7 +84,7 @@ class MixtureSelector(ClusterMixin, BaseEstimator):
     """
 
     def __init__(self, *, model="both", max_components=6, bandwidth="auto", kmeans_starts=10,
-                 random_starts=10, seed=1, criterion="qbic", threads=None, progress=None, fitting="converge"):
+                 random_starts=10, seed=1, criterion="qaic-within-bic", threads=None, progress=None, fitting="converge"):
         self.model = model
         self.max_components = max_components
         self.bandwidth = bandwidth
@@ -115,8 +115,7 @@ class MixtureSelector(ClusterMixin, BaseEstimator):
                            fit=self.fitting)
         best = selection.best
         if best is None:
-            raise ValueError("no model was fitted and scored with a finite " + str(self.criterion).upper()
-                             + ": none can be recommended")
+            raise ValueError("no model was fitted and scored with finite criteria: none can be recommended")
         self.selection_ = selection
         self.table_ = selection.table
         self.bandwidth_ = selection.h

@@ -27,10 +27,13 @@ class RunnerUp(NamedTuple):
 
 
 class Recommendation(NamedTuple):
-    """The recommended model: the eligible row of the smallest criterion value.
+    """The recommended model: the eligible row the criterion picks.
 
-    ``runner_up`` and ``margin`` (its value minus the recommended one's) are
-    None when no other row is eligible.
+    ``value`` is the row's value of ``ranked_by`` (``"qaic"`` for the rule
+    ``"qaic-within-bic"``, otherwise the criterion itself). ``runner_up`` and
+    ``margin`` (its value minus the recommended one's) are None when no other
+    row is eligible. ``component_bound`` is the g of the smallest BIC under
+    ``"qaic-within-bic"`` (no recommended row has more), otherwise None.
     """
     model: str
     g: int
@@ -38,6 +41,8 @@ class Recommendation(NamedTuple):
     criterion: str
     runner_up: Optional[RunnerUp]
     margin: Optional[float]
+    ranked_by: str
+    component_bound: Optional[int]
 
 
 class Selection:
@@ -124,7 +129,7 @@ class Selection:
                          f"{t['bic'][i]:11.2f}  {t['status'][i]}")
         r = self.recommended
         head = f"Selection(h={self.h:.6g} ({self.bandwidth_rule}), sdof={self.sdof:.3f}, recommended="
-        head += "None" if r is None else f"{r.model} g={r.g} ({r.criterion.upper()} {r.value:.2f})"
+        head += "None" if r is None else f"{r.model} g={r.g} ({r.ranked_by.upper()} {r.value:.2f})"
         return head + ")\n" + "\n".join(lines)
 
 
@@ -142,7 +147,7 @@ def _recommendation(r: Optional[dict]) -> Optional[Recommendation]:
     u = r["runner_up"]
     runner_up = None if u is None else RunnerUp(u["model"], u["g"], u["value"])
     return Recommendation(r["model"], r["g"], r["value"], r["criterion"], runner_up,
-                          None if u is None else u["margin"])
+                          None if u is None else u["margin"], r["ranked_by"], r["component_bound"])
 
 
 def _plain(value):
@@ -166,7 +171,7 @@ def _models(model) -> list:
 
 
 def select(X, *, model="both", max_components: int = 6, bandwidth="auto", kmeans_starts: int = 10,
-           random_starts: int = 10, seed: int = 1, criterion: str = "qbic", threads: Optional[int] = None,
+           random_starts: int = 10, seed: int = 1, criterion: str = "qaic-within-bic", threads: Optional[int] = None,
            progress=None, fit: str = "converge") -> Selection:
     """Fit normal mixtures for g = 1..max_components, score them and recommend one.
 
@@ -189,8 +194,12 @@ def select(X, *, model="both", max_components: int = 6, bandwidth="auto", kmeans
         Starts of each g >= 2 besides the three hierarchical-linkage ones.
     seed : int, default 1
         Seed of the random starts.
-    criterion : {"qbic", "qaic", "bic", "aic"}, default "qbic"
-        What the recommendation minimises.
+    criterion : {"qaic-within-bic", "qbic", "qaic", "bic", "aic"}, default "qaic-within-bic"
+        What the recommendation minimises. "qaic-within-bic": the smallest
+        QAIC among the fits with no more components than the fit of the
+        smallest BIC (on simulated mixtures never worse than BIC's minimum,
+        and better where components overlap); the others: the smallest value
+        of that column.
     threads : int or None, default None
         Worker threads; None: as many as the machine has, or as the
         environment variable OMP_NUM_THREADS says. A number sets

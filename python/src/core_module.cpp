@@ -109,11 +109,9 @@ double bandwidth_of(const py::object& h) { return h.is_none() ? std::nan("") : h
 
 mixrank::Criterion criterion_of(const std::string& name)
 {
-    if (name == "qbic") return mixrank::Criterion::qbic;
-    if (name == "qaic") return mixrank::Criterion::qaic;
-    if (name == "bic") return mixrank::Criterion::bic;
-    if (name == "aic") return mixrank::Criterion::aic;
-    throw py::value_error("criterion must be 'qbic', 'qaic', 'bic' or 'aic', not '" + name + "'");
+    mixrank::Criterion c;
+    if (mixrank::criterion_from_name(name, c)) return c;
+    throw py::value_error("criterion must be 'qaic-within-bic', 'qbic', 'qaic', 'bic' or 'aic', not '" + name + "'");
 }
 
 std::optional<int> threads_of(const py::object& threads)

@@ -42,7 +42,7 @@ py::dict settings_dict(const mixrank::SelectSettings& s)
     d["models"] = models;
     d["max_components"] = s.max_components;
     d["bandwidth"] = bandwidth;
-    d["criterion"] = criterion_name(s.criterion);
+    d["criterion"] = mixrank::criterion_name(s.criterion);
     d["fit"] = s.starts.fitting == mixrank::Fitting::classic ? "classic" : "converge";
     d["seed"] = s.seed;
     d["starts"] = starts;
@@ -116,7 +116,9 @@ py::object recommendation_dict(const mixrank::Selection& s, mixrank::Criterion c
     const mixrank::Recommendation& r = s.recommendation;
     if (!r.found) return py::none();
     py::dict d;
-    d["criterion"] = criterion_name(c);
+    d["criterion"] = mixrank::criterion_name(c);
+    d["ranked_by"] = mixrank::criterion_name(mixrank::ranking_criterion(c));
+    d["component_bound"] = r.component_bound > 0 ? py::object(py::int_(r.component_bound)) : py::none();
     py::dict best = ranked(s.rows[r.row], c);
     for (auto item : best) d[item.first] = item.second;
     if (r.has_runner_up) {
@@ -146,17 +148,6 @@ py::object classification_dict(const SelectOutcome& o)
 }
 
 }  // namespace
-
-const char* criterion_name(mixrank::Criterion c)
-{
-    switch (c) {
-        case mixrank::Criterion::qbic: return "qbic";
-        case mixrank::Criterion::qaic: return "qaic";
-        case mixrank::Criterion::bic: return "bic";
-        case mixrank::Criterion::aic: return "aic";
-    }
-    return "qbic";
-}
 
 const char* status_name(mixrank::FitStatus s)
 {

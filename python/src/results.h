@@ -26,7 +26,6 @@ pybind11::dict scores_dict(const mixrank::Scores& scores);
 // (labels from 0 as int64 (n,), posteriors (n, g), uncertainty (n,)).
 pybind11::tuple classification_tuple(const mixrank::Classification& c);
 
-const char* criterion_name(mixrank::Criterion c);
 const char* status_name(mixrank::FitStatus s);
 
 }  // namespace mixrank_python

@@ -60,7 +60,11 @@ def test_selection_attributes_hold_together(iris):
     best = s.best
     assert (best.model, best.g) == (r.model, r.g)
     i = [j for j in range(6) if s.table["model"][j] == r.model and s.table["g"][j] == r.g][0]
-    assert s.table["qbic"][i] == r.value == min(s.table["qbic"])
+    # The default rule: the smallest QAIC among the fits with at most the g of the smallest BIC.
+    t = s.table
+    assert r.criterion == "qaic-within-bic" and r.ranked_by == "qaic"
+    assert r.component_bound == t["g"][int(np.argmin(t["bic"]))] and r.g <= r.component_bound
+    assert t["qaic"][i] == r.value == min(t["qaic"][t["g"] <= r.component_bound])
     assert r.margin == r.runner_up.value - r.value > 0
     assert best.means.shape == (r.g, 4) and best.weights.shape == (r.g,)
     assert best.covariances.shape == ((4, 4) if r.model == "equal" else (r.g, 4, 4))

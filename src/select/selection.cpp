@@ -13,6 +13,7 @@
 #include "mixture/mixture.h"
 #include "risk/bandwidth.h"
 #include "risk/scoring.h"
+#include "select/recommendation.h"
 #include "starts/multi_start.h"
 
 namespace mixrank {
@@ -59,37 +60,6 @@ void bandwidth(const Data& data, const SelectSettings& settings, Selection& s, c
     s.bandwidth_rule = choice.rule;
 }
 
-bool eligible(const SelectionRow& row, Criterion criterion)
-{
-    return row.score.scored && std::isfinite(criterion_value(row.score, criterion)) &&
-           (row.fit.status == FitStatus::converged || row.fit.status == FitStatus::pass_limit);
-}
-
-Recommendation recommend(const std::vector<SelectionRow>& rows, Criterion criterion)
-{
-    Recommendation r;
-    auto better = [&](std::size_t a, std::size_t b) {
-        return criterion_value(rows[a].score, criterion) < criterion_value(rows[b].score, criterion);
-    };
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        if (!rows[i].eligible) continue;
-        if (!r.found || better(i, r.row)) {
-            if (r.found) {
-                r.has_runner_up = true;
-                r.runner_up = r.row;
-            }
-            r.found = true;
-            r.row = i;
-        } else if (!r.has_runner_up || better(i, r.runner_up)) {
-            r.has_runner_up = true;
-            r.runner_up = i;
-        }
-    }
-    if (r.has_runner_up)
-        r.margin = criterion_value(rows[r.runner_up].score, criterion) - criterion_value(rows[r.row].score, criterion);
-    return r;
-}
-
 void warn_about(const Data& data, Selection& s)
 {
     const double n = static_cast<double>(data.n);
@@ -127,17 +97,6 @@ Scores score_each(const Data& data, const Kernel& kernel, std::vector<Mixture>& 
 }
 
 }  // namespace
-
-double criterion_value(const ModelScore& score, Criterion criterion)
-{
-    switch (criterion) {
-        case Criterion::qbic: return score.qbic;
-        case Criterion::qaic: return score.qaic;
-        case Criterion::bic: return score.bic;
-        case Criterion::aic: return score.aic;
-    }
-    return score.qbic;
-}
 
 Selection select_mixtures(const Data& data, const SelectSettings& settings, const Progress& progress)
 {

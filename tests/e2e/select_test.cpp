@@ -110,7 +110,7 @@ TEST(SelectCommand, HelpVersionAndCommandLinesThatCannotBeUsed)
         {{"d.csv", "--model=sideways"}, "option '--model' needs 'equal' or 'unequal', not 'sideways'"},
         {{"d.csv", "-g", "0"}, "option '-g' needs a whole number from 1 to 20, not '0'"},
         {{"d.csv", "--bandwidth=-1"}, "option '--bandwidth' needs a positive number or 'auto', not '-1'"},
-        {{"d.csv", "--criterion=mdl"}, "option '--criterion' needs qbic, qaic, bic or aic, not 'mdl'"},
+        {{"d.csv", "--criterion=mdl"}, "option '--criterion' needs qaic-within-bic, qbic, qaic, bic or aic, not 'mdl'"},
         {{"d.csv", "--seed"}, "option '--seed' needs a value"},
     };
     for (const auto& b : bad) {
@@ -163,7 +163,7 @@ TEST(SelectCommand, SingularModelsAreMarkedAndSpoilNoOther)
         EXPECT_EQ(eight.at(7), "singular") << fit;
         EXPECT_NE(r.out.find("warning: per-component covariances, g = 8: the matrix library could not score it"),
                   std::string::npos) << r.out;
-        EXPECT_NE(r.out.find("Recommended (smallest QBIC): unequal"), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find("Recommended (smallest QAIC of the fits with g <= "), std::string::npos) << r.out;
         EXPECT_NE(w.read("r.json").find("\"status\": \"singular\""), std::string::npos);
     }
 }
@@ -176,7 +176,8 @@ TEST(SelectCommand, ReportsAreWrittenWholeAndNeverReplaceTheInput)
     ASSERT_EQ(r.status, 0) << r.err;
     const std::string json = w.read("out/iris.select.json");
     for (const char* key : {"\"recommendation\"", "\"bandwidth_rule\"", "\"sdof_unbiased\"", "\"column_spreads\"",
-                            "\"sepal_length\"", "\"status\": \"converged\"", "\"labels\""})
+                            "\"sepal_length\"", "\"status\": \"converged\"", "\"labels\"",
+                            "\"criterion\": \"qaic-within-bic\"", "\"ranked_by\": \"qaic\"", "\"component_bound\": "})
         EXPECT_NE(json.find(key), std::string::npos) << key;
     EXPECT_EQ(lines(w.read("out/iris.select.csv")).size(), 5u);  // a header and g = 1..4
     const std::vector<std::string> classes = lines(w.read("out/iris.select.class.csv"));
