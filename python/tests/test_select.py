@@ -1,5 +1,6 @@
 """mixrank.select against the programs, and its errors, threads, output and progress."""
 
+import importlib.util
 import json
 import subprocess
 
@@ -177,3 +178,25 @@ def test_merge_starts_reach_an_optimum_the_table_starts_miss():
     assert g3["loglik"] > -1885.0
     classic = mixrank.select(wine, model="unequal", max_components=4, bandwidth=1.0, fit="classic").to_dict()
     assert all(row["start"] >= 0 for row in classic["rows"]), "the classic fitting has no merge starts"
+
+
+def _suite_generator(source_dir):
+    spec = importlib.util.spec_from_file_location("selection_suite", source_dir / "bench" / "selection_suite.py")
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module.make
+
+
+@pytest.mark.parametrize("g, d, n, seed, wrong", [
+    (3, 2, 300, 1, {"bic": 4}),                  # BIC takes a fourth common-covariance group
+    (3, 2, 300, 10, {"qaic": 5, "qbic": 5}),     # the risks alone take two groups too many
+    (2, 3, 200, 0, {"qaic": 5, "qbic": 5}),
+])
+def test_default_rule_finds_the_true_g_where_single_criteria_miss(source_dir, g, d, n, seed, wrong):
+    # Overlapping groups drawn as the selection suite draws them.
+    X = _suite_generator(source_dir)("overlapping", n, np.random.default_rng(seed), g=g, d=d)
+    s = mixrank.select(X)
+    t = s.table
+    for column, g_of_minimum in wrong.items():
+        assert t["g"][int(np.nanargmin(t[column]))] == g_of_minimum, column
+    assert s.recommended.g == g
