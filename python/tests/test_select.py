@@ -120,6 +120,11 @@ def test_bad_settings_are_value_errors(iris, X, keywords, message):
         mixrank.select(data, **{"max_components": 1, **keywords})
 
 
+def test_three_rows_are_the_fewest_accepted(iris):
+    s = mixrank.select(iris[[0, 60, 120]], max_components=1)
+    assert list(s.table["g"]) == [1, 1]
+
+
 def test_nothing_is_written_on_standard_output(capfd, iris):
     s = mixrank.select(iris, max_components=2)
     mixrank.score(iris, s.mixtures, 0.5)

@@ -2,6 +2,7 @@
 // refusals and exit statuses.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <sstream>
 #include <string>
@@ -71,6 +72,19 @@ TEST(SelectCommand, HeaderedCsvAndTsvGiveTheClassicTableOfBothModels)
     ASSERT_EQ(csv.status, 0) << csv.err;
     EXPECT_NE(csv.out.find("150 observations of 4 columns (sepal_length, sepal_width, petal_length, petal_width)"),
               std::string::npos);
+    // Each criterion's column has one mark, at its smallest value.
+    for (std::size_t column : {1, 2, 4, 5}) {  // QAIC, QBIC, AIC, BIC after q
+        int marks = 0;
+        double smallest = INFINITY, marked = NAN;
+        for (const char* model : {"equal", "unequal"})
+            for (int g = 1; g <= 6; ++g) {
+                const std::string word = table_row(csv.out, model, g).at(column);
+                smallest = std::min(smallest, value(word));
+                if (word.back() == '*') ++marks, marked = value(word);
+            }
+        EXPECT_EQ(marks, 1) << column;
+        EXPECT_EQ(marked, smallest) << column;
+    }
     EXPECT_EQ(csv.out.find('\x1b'), std::string::npos) << "no terminal codes when not on a terminal";
     const Result tsv = select(w, {"iris.tsv", "--quiet", "--fit=classic"});
     ASSERT_EQ(tsv.status, 0) << tsv.err;
@@ -93,6 +107,15 @@ TEST(SelectCommand, HeaderedCsvAndTsvGiveTheClassicTableOfBothModels)
             for (int k = 0; k < 7; ++k) EXPECT_NEAR(got[k], want[k], 0.0051) << model << " g = " << g << " column " << k;
         }
     }
+}
+
+TEST(SelectCommand, StandardInputAndColumnsByNameOrNumber)
+{
+    Workdir w;
+    const Result r = w.run_program(MIXRANK_SELECT_BINARY, {"-", "-q", "-g", "2", "--columns=petal_width,1"},
+                                   read_file(MIXRANK_EXAMPLES "/iris.csv"));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(lines(r.out).at(0), "mixrank-select 1.0: -: 150 observations of 2 columns (petal_width, sepal_length)");
 }
 
 TEST(SelectCommand, HelpVersionAndCommandLinesThatCannotBeUsed)
@@ -205,6 +228,7 @@ TEST(SelectCommand, AutomaticBandwidthBringsSdofIntoRangeAndThreadsDoNotMatter)
     ASSERT_EQ(one.status, 0) << one.err;
     const std::string line = lines(one.out)[1];
     EXPECT_EQ(line.find("bandwidth h = 0.5 "), std::string::npos) << line;
+    EXPECT_NE(line.find("(the bandwidth whose Sdof is sqrt(n) = 14.1"), std::string::npos) << line;
     std::istringstream sdof_line(lines(one.out)[2]);
     std::string word;
     double sdof = 0;
