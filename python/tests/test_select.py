@@ -110,6 +110,7 @@ def test_bad_data_is_a_value_error_naming_where(iris, change, message):
     ("iris", {"criterion": "icl"}, "criterion"),
     ("iris", {"bandwidth": "silverman"}, "bandwidth"),
     ("iris", {"bandwidth": -1.0}, "bandwidth"),
+    ("iris", {"bandwidth": float("inf")}, "bandwidth must be a positive number"),
     ("iris", {"max_components": 0}, "at least 1"),
     ("iris", {"fit": "fast"}, "fit must be 'converge' or 'classic'"),
     ("iris", {"threads": 0}, "threads"),

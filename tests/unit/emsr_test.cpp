@@ -148,4 +148,9 @@ TEST(Emsr, StartsThatCannotFitInMemoryAreRefusedUpFront)
             << e.what();
     }
     EXPECT_NO_THROW(check_start_memory(4, 6, 10, 10, 'E', std::size_t(1) << 30));
+    // A covariance per component: at most 20 components; negative numbers of starts are refused too.
+    EXPECT_NO_THROW(check_fit_settings(20, 0, 0, CovarianceModel::per_component));
+    EXPECT_THROW(check_fit_settings(21, 0, 0, CovarianceModel::per_component), RunError);
+    EXPECT_NO_THROW(check_fit_settings(21, 0, 0, CovarianceModel::common));
+    EXPECT_THROW(check_fit_settings(6, -1, 0, CovarianceModel::common), RunError);
 }

@@ -54,6 +54,7 @@ TEST(ParameterFile, BlocksInFixedNotationWithSixDecimalsReadBackUnderEitherModel
     EXPECT_TRUE(file.fail());
     EXPECT_TRUE(std::isnan(past.means[0]) && std::isnan(past.covariances[0]) && std::isnan(past.weights[0]));
     EXPECT_THROW(read_block(file, 21, 1, CovarianceModel::per_component), RunError);  // at most 20 components
+    EXPECT_NO_THROW(read_block(file, 20, 1, CovarianceModel::per_component));
     EXPECT_NO_THROW(read_block(file, 21, 1, CovarianceModel::common));
 }
 
