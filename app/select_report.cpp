@@ -106,6 +106,12 @@ void recommendation(std::ostringstream& out, const SelectRun& run)
         out << "; runner-up: " << model_words(s.rows[r.runner_up]) << " (" << name << " "
             << number(criterion_value(s.rows[r.runner_up].score, c), 2) << ", " << number(r.margin, 2) << " more)";
     out << "\n";
+    if (r.has_beyond_bound) {
+        const double v = criterion_value(s.rows[r.beyond_bound].score, c);
+        out << "Beyond the bound: " << model_words(s.rows[r.beyond_bound]) << " has a smaller " << name << " ("
+            << number(v, 2) << ", " << number(criterion_value(best.score, c) - v, 2)
+            << " less) with more components than the smallest BIC's\n";
+    }
 }
 
 void write_mixture(JsonWriter& j, const Mixture& m)
@@ -225,6 +231,16 @@ void write_recommendation(JsonWriter& j, const SelectRun& run)
         j.key("g").value(s.rows[r.runner_up].fit.components);
         j.key("value").value(criterion_value(s.rows[r.runner_up].score, c));
         j.key("margin").value(r.margin);
+        j.end_object();
+    } else {
+        j.null();
+    }
+    j.key("beyond_bound");
+    if (r.has_beyond_bound) {
+        j.begin_object();
+        j.key("model").value(model_name(s.rows[r.beyond_bound].fit.model));
+        j.key("g").value(s.rows[r.beyond_bound].fit.components);
+        j.key("value").value(criterion_value(s.rows[r.beyond_bound].score, c));
         j.end_object();
     } else {
         j.null();

@@ -307,6 +307,9 @@ struct Recommendation {
     double margin = 0;            // the runner-up's criterion minus the recommended one's
     int component_bound = 0;      // qaic_within_bic: the g of the smallest BIC, the most a
                                   // recommended fit may have (0: no bound)
+    bool has_beyond_bound = false;
+    std::size_t beyond_bound = 0;  // the eligible row of the smallest QAIC of all, when it has
+                                   // more components than the bound
 };
 
 struct Selection {

@@ -40,6 +40,7 @@ class Recommendation(NamedTuple):
     margin: Optional[float]
     ranked_by: str
     component_bound: Optional[int]
+    beyond_bound: Optional[RunnerUp]
 
 class Selection:
     table: dict[str, np.ndarray]

@@ -20,7 +20,7 @@ _TABLE_TYPES = {"g": np.int64, "model": "U7", "status": "U12", "eligible": bool}
 
 
 class RunnerUp(NamedTuple):
-    """The next best eligible model of a selection."""
+    """A ranked row of a selection: the runner-up, or the row beyond the bound."""
     model: str
     g: int
     value: float
@@ -33,7 +33,9 @@ class Recommendation(NamedTuple):
     ``"qaic-within-bic"``, otherwise the criterion itself). ``runner_up`` and
     ``margin`` (its value minus the recommended one's) are None when no other
     row is eligible. ``component_bound`` is the g of the smallest BIC under
-    ``"qaic-within-bic"`` (no recommended row has more), otherwise None.
+    ``"qaic-within-bic"`` (no recommended row has more), otherwise None;
+    ``beyond_bound`` is then the row of the smallest QAIC of all when it has
+    more components than that and a smaller QAIC than the recommended row.
     """
     model: str
     g: int
@@ -43,6 +45,7 @@ class Recommendation(NamedTuple):
     margin: Optional[float]
     ranked_by: str
     component_bound: Optional[int]
+    beyond_bound: Optional[RunnerUp]
 
 
 class Selection:
@@ -146,8 +149,10 @@ def _recommendation(r: Optional[dict]) -> Optional[Recommendation]:
         return None
     u = r["runner_up"]
     runner_up = None if u is None else RunnerUp(u["model"], u["g"], u["value"])
+    b = r["beyond_bound"]
+    beyond = None if b is None else RunnerUp(b["model"], b["g"], b["value"])
     return Recommendation(r["model"], r["g"], r["value"], r["criterion"], runner_up,
-                          None if u is None else u["margin"], r["ranked_by"], r["component_bound"])
+                          None if u is None else u["margin"], r["ranked_by"], r["component_bound"], beyond)
 
 
 def _plain(value):

@@ -128,6 +128,7 @@ py::object recommendation_dict(const mixrank::Selection& s, mixrank::Criterion c
     } else {
         d["runner_up"] = py::none();
     }
+    d["beyond_bound"] = r.has_beyond_bound ? py::object(ranked(s.rows[r.beyond_bound], c)) : py::none();
     return d;
 }
 

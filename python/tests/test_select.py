@@ -66,6 +66,9 @@ def test_selection_attributes_hold_together(iris):
     assert r.criterion == "qaic-within-bic" and r.ranked_by == "qaic"
     assert r.component_bound == t["g"][int(np.argmin(t["bic"]))] and r.g <= r.component_bound
     assert t["qaic"][i] == r.value == min(t["qaic"][t["g"] <= r.component_bound])
+    beyond = r.beyond_bound
+    assert (beyond is None) == (min(t["qaic"]) >= r.value)
+    assert beyond is None or (beyond.g > r.component_bound and beyond.value == min(t["qaic"]))
     assert r.margin == r.runner_up.value - r.value > 0
     assert best.means.shape == (r.g, 4) and best.weights.shape == (r.g,)
     assert best.covariances.shape == ((4, 4) if r.model == "equal" else (r.g, 4, 4))

@@ -80,7 +80,12 @@ Recommendation recommend(const std::vector<SelectionRow>& rows, Criterion criter
         return criterion_value(rows[a].score, criterion) < criterion_value(rows[b].score, criterion);
     };
     for (std::size_t i = 0; i < rows.size(); ++i) {
-        if (!rows[i].eligible || (r.component_bound > 0 && rows[i].fit.components > r.component_bound)) continue;
+        if (!rows[i].eligible) continue;
+        if (r.component_bound > 0 && rows[i].fit.components > r.component_bound) {
+            if (!r.has_beyond_bound || better(i, r.beyond_bound)) r.beyond_bound = i;
+            r.has_beyond_bound = true;
+            continue;
+        }
         if (!r.found || better(i, r.row)) {
             if (r.found) {
                 r.has_runner_up = true;
@@ -95,6 +100,8 @@ Recommendation recommend(const std::vector<SelectionRow>& rows, Criterion criter
     }
     if (r.has_runner_up)
         r.margin = criterion_value(rows[r.runner_up].score, criterion) - criterion_value(rows[r.row].score, criterion);
+    // Only a row beyond the bound that the bound kept from winning is worth naming.
+    r.has_beyond_bound = r.has_beyond_bound && r.found && better(r.beyond_bound, r.row);
     return r;
 }
 

@@ -59,6 +59,8 @@ TEST(Recommendation, QaicWithinBicStaysWithinTheComponentsOfTheSmallestBic)
     EXPECT_EQ(r.runner_up, 2u);  // equal g = 3, QAIC 31
     EXPECT_DOUBLE_EQ(r.margin, 1.0);
     EXPECT_DOUBLE_EQ(criterion_value(rows[r.row].score, Criterion::qaic_within_bic), 30.0);
+    ASSERT_TRUE(r.has_beyond_bound);  // named as the smaller QAIC the bound set aside
+    EXPECT_EQ(r.beyond_bound, 7u);
 }
 
 TEST(Recommendation, PlainCriteriaTakeTheColumnMinimumWithoutABound)
@@ -72,6 +74,7 @@ TEST(Recommendation, PlainCriteriaTakeTheColumnMinimumWithoutABound)
         ASSERT_TRUE(r.found) << criterion_name(k.c);
         EXPECT_EQ(r.row, k.row) << criterion_name(k.c);
         EXPECT_EQ(r.component_bound, 0) << criterion_name(k.c);
+        EXPECT_FALSE(r.has_beyond_bound) << criterion_name(k.c);
     }
 }
 
@@ -90,6 +93,8 @@ TEST(Recommendation, FailedFitsAndMissingValuesNeitherWinNorBound)
     EXPECT_EQ(r.component_bound, 2);  // unequal g = 2 has the smallest BIC left (405)
     EXPECT_EQ(r.row, 5u);
     EXPECT_EQ(r.runner_up, 1u);  // equal g = 2, QAIC 40
+    EXPECT_TRUE(r.has_beyond_bound);
+    EXPECT_EQ(r.beyond_bound, 7u);  // unequal g = 5 (QAIC 12) before unequal g = 3 (33)
     // The same row without a BIC is eligible where only its QAIC counts.
     EXPECT_TRUE(eligible(rows[2], Criterion::qaic));
 
@@ -109,6 +114,7 @@ TEST(Recommendation, TiesGoToTheEarlierRow)
     EXPECT_EQ(r.row, 0u);
     EXPECT_EQ(r.runner_up, 2u);
     EXPECT_EQ(r.margin, 0.0);
+    EXPECT_FALSE(r.has_beyond_bound);  // equal g = 4 ties, so the bound changed nothing
 }
 
 TEST(Recommendation, NamesRoundTrip)
