@@ -177,3 +177,25 @@ TEST(PlotSafety, AFileSizeLimitLeavesTheEarlierPicture)
         EXPECT_TRUE(empty_dir(w.file("tmp"))) << format;
     }
 }
+
+// What the classification picture is drawn from: a stand-in gnuplot keeps the script.
+TEST(PlotSafety, ClassPictureMarksEachComponentsProbabilityWeightedMean)
+{
+    Workdir w;
+    w.write("c.class", kClasses + "2 2 2 0.4 0.6 0.4 \n");
+    w.write("good.png", png(100));
+    const Result r = w.run_program(MIXRANK_PLOT_BINARY, {"c.class"}, "",
+                                   standin(w, "cp \"$1\" \"$HOME/script.gp\"; cp \"$GOOD\" \"$out\""));
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::string script = w.read("script.gp");
+    const std::size_t means = script.find("$means << EOD\n");
+    ASSERT_NE(means, std::string::npos) << script;
+    // Component 1: (0.9 (1, 2) + 0.3 (3, 1) + 0.4 (2, 2)) / 1.6; component 2: (0.1 (1, 2) + 0.7 (3, 1) + 0.6 (2, 2)) / 1.4.
+    const std::vector<std::string> block = lines(script.substr(means));
+    ASSERT_GE(block.size(), 3u);
+    EXPECT_EQ(numbers(block[1]).size(), 3u);  // x, y and the colour
+    EXPECT_NEAR(numbers(block[1]).at(0), 2.6 / 1.6, 1e-6);
+    EXPECT_NEAR(numbers(block[1]).at(1), 2.9 / 1.6, 1e-6);
+    EXPECT_NEAR(numbers(block[2]).at(0), 3.4 / 1.4, 1e-6);
+    EXPECT_NEAR(numbers(block[2]).at(1), 2.1 / 1.4, 1e-6);
+}

@@ -109,13 +109,20 @@ TEST(SelectCommand, HeaderedCsvAndTsvGiveTheClassicTableOfBothModels)
     }
 }
 
-TEST(SelectCommand, StandardInputAndColumnsByNameOrNumber)
+TEST(SelectCommand, StandardInputColumnsByNameOrNumberAndAGivenSeparator)
 {
     Workdir w;
-    const Result r = w.run_program(MIXRANK_SELECT_BINARY, {"-", "-q", "-g", "2", "--columns=petal_width,1"},
-                                   read_file(MIXRANK_EXAMPLES "/iris.csv"));
+    const std::string iris = read_file(MIXRANK_EXAMPLES "/iris.csv");
+    const Result r = w.run_program(MIXRANK_SELECT_BINARY, {"-", "-q", "-g", "2", "--columns=petal_width,1"}, iris);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(lines(r.out).at(0), "mixrank-select 1.0: -: 150 observations of 2 columns (petal_width, sepal_length)");
+    // Without --quiet, but standard error is no terminal: no progress line there.
+    for (const char* sep : {"--sep=,", "--sep=comma"}) {
+        const Result given = w.run_program(MIXRANK_SELECT_BINARY, {"-", "-g", "1", sep}, iris);
+        EXPECT_EQ(given.status, 0) << sep << given.err;
+        EXPECT_EQ(given.err, "") << sep;
+        EXPECT_NE(given.out.find("150 observations of 4 columns"), std::string::npos) << sep;
+    }
 }
 
 TEST(SelectCommand, HelpVersionAndCommandLinesThatCannotBeUsed)
