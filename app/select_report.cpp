@@ -203,6 +203,14 @@ void write_input(JsonWriter& j, const SelectRun& run)
     j.end_object();
 }
 
+// A ranked row's model, g and value of the ranking criterion.
+void write_ranked(JsonWriter& j, const SelectionRow& row, Criterion c)
+{
+    j.key("model").value(model_name(row.fit.model));
+    j.key("g").value(row.fit.components);
+    j.key("value").value(criterion_value(row.score, c));
+}
+
 void write_recommendation(JsonWriter& j, const SelectRun& run)
 {
     const Selection& s = *run.selection;
@@ -221,15 +229,11 @@ void write_recommendation(JsonWriter& j, const SelectRun& run)
         j.value(r.component_bound);
     else
         j.null();
-    j.key("model").value(model_name(s.rows[r.row].fit.model));
-    j.key("g").value(s.rows[r.row].fit.components);
-    j.key("value").value(criterion_value(s.rows[r.row].score, c));
+    write_ranked(j, s.rows[r.row], c);
     j.key("runner_up");
     if (r.has_runner_up) {
         j.begin_object();
-        j.key("model").value(model_name(s.rows[r.runner_up].fit.model));
-        j.key("g").value(s.rows[r.runner_up].fit.components);
-        j.key("value").value(criterion_value(s.rows[r.runner_up].score, c));
+        write_ranked(j, s.rows[r.runner_up], c);
         j.key("margin").value(r.margin);
         j.end_object();
     } else {
@@ -238,9 +242,7 @@ void write_recommendation(JsonWriter& j, const SelectRun& run)
     j.key("beyond_bound");
     if (r.has_beyond_bound) {
         j.begin_object();
-        j.key("model").value(model_name(s.rows[r.beyond_bound].fit.model));
-        j.key("g").value(s.rows[r.beyond_bound].fit.components);
-        j.key("value").value(criterion_value(s.rows[r.beyond_bound].score, c));
+        write_ranked(j, s.rows[r.beyond_bound], c);
         j.end_object();
     } else {
         j.null();
