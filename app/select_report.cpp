@@ -59,7 +59,7 @@ void heading(std::ostringstream& out, const SelectRun& run)
     const Selection& s = *run.selection;
     const SelectSettings& set = run.options->settings;
     out << "mixrank-select " << kSelectVersion << ": " << run.options->data << ": " << run.data->n
-        << " observations of " << run.data->d << " columns (" << join(run.table->names) << ")\n";
+        << " observations of " << run.data->d << (run.data->d == 1 ? " column (" : " columns (") << join(run.table->names) << ")\n";
     out << "bandwidth h = " << format("%.6g", s.h) << " (" << s.bandwidth_rule << ")\n";
     out << "Sdof " << number(s.sdof, 3) << " (unbiased " << number(s.sdof_unbiased, 3) << "); seed " << set.seed
         << "; starts per g >= 2: 3 linkage, " << set.starts.kmeans_starts << " K-means, "

@@ -63,7 +63,10 @@ void bandwidth(const Data& data, const SelectSettings& settings, Selection& s, c
 void warn_about(const Data& data, Selection& s)
 {
     const double n = static_cast<double>(data.n);
-    if (s.sdof < 5.0 || s.sdof > n / 5.0)
+    if (n / 5.0 < 5.0)
+        s.warnings.push_back("the useful range of the Sdof, 5 to n/5 = " + format("%.1f", n / 5.0) +
+                             ", is empty for fewer than 25 observations");
+    else if (s.sdof < 5.0 || s.sdof > n / 5.0)
         s.warnings.push_back("the Sdof " + format("%.2f", s.sdof) + " lies outside the useful range 5 to n/5 = " +
                              format("%.1f", n / 5.0) + "; a " + (s.sdof < 5.0 ? "smaller" : "larger") +
                              " bandwidth brings it in");

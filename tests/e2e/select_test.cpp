@@ -125,6 +125,20 @@ TEST(SelectCommand, StandardInputColumnsByNameOrNumberAndAGivenSeparator)
     }
 }
 
+TEST(SelectCommand, OneColumnAndTooFewObservationsForTheUsefulRangeAreSaidPlainly)
+{
+    Workdir w;
+    w.write("one.csv", "a\n1\n2\n3\n5\n8\n13\n");
+    const Result r = select(w, {"one.csv", "-q", "-g", "1"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(lines(r.out).at(0), "mixrank-select 1.0: one.csv: 6 observations of 1 column (a)");
+    EXPECT_NE(r.out.find("warning: the useful range of the Sdof, 5 to n/5 = 1.2, is empty for fewer than 25 "
+                         "observations\n"),
+              std::string::npos)
+        << r.out;
+    EXPECT_EQ(r.out.find("bandwidth brings it in"), std::string::npos) << r.out;
+}
+
 TEST(SelectCommand, HelpVersionAndCommandLinesThatCannotBeUsed)
 {
     Workdir w;
