@@ -209,3 +209,21 @@ def test_default_rule_finds_the_true_g_where_single_criteria_miss(source_dir, g,
     for column, g_of_minimum in wrong.items():
         assert t["g"][int(np.nanargmin(t[column]))] == g_of_minimum, column
     assert s.recommended.g == g
+
+
+def test_repeated_observations_fit_and_a_row_that_cannot_be_scored_is_said():
+    # Ten points observed six times each: a linkage rule cannot merge them down to g groups (its start is
+    # left out), and the per-component g = 3 fit is nearly singular, not finite at the stored precision.
+    rng = np.random.default_rng(1)
+    rng.normal(size=(60, 2))
+    X = np.repeat(rng.normal(size=(10, 2)), 6, axis=0)
+    s = mixrank.select(X, max_components=3)
+    t = s.table
+    unscored = [i for i in range(len(t["g"])) if t["status"][i] == "converged" and np.isnan(t["qaic"][i])]
+    assert unscored, "the data no longer give an unscored fit"
+    for i in unscored:
+        assert not t["eligible"][i]
+        words = {"equal": "common covariance", "unequal": "per-component covariances"}[t["model"][i]]
+        assert any(w.startswith(f"{words}, g = {t['g'][i]}: its scores are not all finite")
+                   for w in s.warnings), s.warnings
+    assert s.recommended is not None and s.recommended.g <= 3

@@ -161,7 +161,7 @@ std::size_t label_index(const double* grp, std::size_t i, int K)
 {
     const double g = grp[i];
     if (!(g >= 1.0 && g < K + 1.0))
-        throw RunError("starting partition: observation " + std::to_string(i + 1) + " has label " +
+        throw StartPartitionError("starting partition: observation " + std::to_string(i + 1) + " has label " +
                        std::to_string(g) + ", outside 1.." + std::to_string(K));
     return static_cast<std::size_t>(g) - 1;
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/matrix.h"
+#include "common/settings.h"
 #include "mixture/em_pass.h"
 #include "mixture/mixture.h"
 
@@ -52,6 +53,12 @@ struct RefusedCovariance {
     std::vector<double> sigma;  // p x p, row-major
 
     [[noreturn]] void repeat_with_library() const;
+};
+
+// A starting partition with a label outside 1..K, as a linkage rule leaves
+// when repeated observations keep it from merging down to K groups.
+struct StartPartitionError : RunError {
+    using RunError::RunError;
 };
 
 // Rethrows a failure of a fit on the main thread, turning a

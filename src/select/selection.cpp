@@ -81,6 +81,10 @@ void warn_about(const Data& data, Selection& s)
                                          "log-likelihood is not a number or that was abandoned)");
         if (row.score.unstable)
             s.warnings.push_back(which + ": the projection onto its score columns is unstable");
+        const bool fitted = row.fit.status == FitStatus::converged || row.fit.status == FitStatus::pass_limit;
+        if (fitted && !(std::isfinite(row.score.qaic) && std::isfinite(row.score.bic)))
+            s.warnings.push_back(which + ": its scores are not all finite at the six decimals the fits are stored "
+                                         "with (a covariance close to singular); it is not recommended");
     }
 }
 

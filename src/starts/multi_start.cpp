@@ -275,7 +275,7 @@ public:
             if (!board_.wait_while(c.task[ind], progress.keep_going, failure))
                 throw Error(Error::Kind::cancelled, "cancelled");
             if (failure && choice == StartChoice::classic && fitting_ == Fitting::classic) rethrow_fit_failure(failure);
-            if (failure) only_singular(failure, g, c.fits[ind].mixture);
+            if (failure) fails_alone(failure, g, c.fits[ind].mixture);
             const StartFit& fit = c.fits[ind];
             // Only the common-covariance fits have always said so.
             if (model_ == CovarianceModel::common && !std::isnan(fit.abandoned_size) && progress.start_abandoned)
@@ -308,7 +308,7 @@ private:
             try {
                 fit = continue_fit(data_, fit, kToConvergence);
             } catch (const RefusedCovariance&) {
-                only_singular(std::current_exception(), g, fit.mixture);
+                fails_alone(std::current_exception(), g, fit.mixture);
             }
         });
         FiniteBest finite;
@@ -319,18 +319,23 @@ private:
     }
 
     // A start whose covariance could not be inverted fails alone: a fit of
-    // status singular and no values. Any other failure ends the fitting.
-    void only_singular(const std::exception_ptr& failure, int g, Mixture& fit) const
+    // status singular and no values. So does a start that is not g groups
+    // (a linkage rule held up by repeated observations), as degenerate. Any
+    // other failure ends the fitting.
+    void fails_alone(const std::exception_ptr& failure, int g, Mixture& fit) const
     {
+        FitStatus status = FitStatus::singular;
         try {
             std::rethrow_exception(failure);
         } catch (const RefusedCovariance&) {
-            fit = Mixture();
-            fit.model = model_;
-            fit.components = g;
-            fit.dimension = data_.p();
-            fit.status = FitStatus::singular;
+        } catch (const StartPartitionError&) {
+            status = FitStatus::degenerate;
         }
+        fit = Mixture();
+        fit.model = model_;
+        fit.components = g;
+        fit.dimension = data_.p();
+        fit.status = status;
     }
 
     // A linkage start of g >= 2 waits for its rule.

@@ -203,6 +203,38 @@ TEST(Library, SharedLinkagePartitionsGiveTheFitsOfSeparateRuns)
         }
 }
 
+// Ten points, each observed six times: the nearest-neighbour linkage rule cannot merge a pair at distance 0,
+// so it leaves more groups than asked for. Only that start fails (the classic estimator's rule stops there).
+TEST(Library, RepeatedObservationsLeaveOutOnlyTheLinkageStartThatCannotFormTheGroups)
+{
+    std::vector<double> values;
+    for (int copy = 0; copy < 6; ++copy)
+        for (int i = 0; i < 10; ++i) values.insert(values.end(), {std::sin(2.1 * i) + (i < 5 ? 4.0 : 0.0), std::cos(1.3 * i)});
+    const Data data = prepare_data(values.data(), 60, 2);
+    StartSettings starts;
+    starts.kmeans_starts = 2;
+    starts.random_starts = 2;
+    for (const Fitting fitting : {Fitting::classic, Fitting::converge}) {
+        starts.fitting = fitting;
+        RandomStream random(3);
+        const std::vector<Mixture> fits = fit_mixtures(data, CovarianceModel::common, 3, starts, random);
+        ASSERT_EQ(fits.size(), 3u);
+        for (const Mixture& m : fits) {
+            EXPECT_TRUE(m.status == FitStatus::converged || m.status == FitStatus::pass_limit) << m.components;
+            EXPECT_TRUE(std::isfinite(m.loglik)) << m.components;
+        }
+    }
+    starts.fitting = Fitting::classic;
+    starts.choice = StartChoice::classic;
+    RandomStream random(3);
+    try {
+        fit_mixtures(data, CovarianceModel::common, 3, starts, random);
+        ADD_FAILURE() << "the classic choice of start went past a partition of too many groups";
+    } catch (const Error& e) {
+        EXPECT_NE(std::string(e.what()).find("starting partition: observation "), std::string::npos) << e.what();
+    }
+}
+
 // Starts abandoned because a component fell below 4 observations are reported for the common model only,
 // where and as the classic estimator says so. Twelve points leave one of four components at most 3 in every
 // start.
