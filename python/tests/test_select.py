@@ -98,6 +98,7 @@ def test_results_do_not_depend_on_the_threads(iris):
     (lambda X: X.__setitem__((4, 2), np.nan), r"row 5, column 3 is not a finite number"),
     (lambda X: X.__setitem__((7, 0), np.inf), r"row 8, column 1"),
     (lambda X: X.__setitem__((slice(None), 3), 2.5), r"column 4 is constant"),
+    (lambda X: X.__setitem__((slice(None), 1), X[:, 1] * 1e300), r"column 2 cannot be scaled: .* too large"),
 ])
 def test_bad_data_is_a_value_error_naming_where(iris, change, message):
     X = iris.copy()

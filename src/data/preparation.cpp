@@ -135,7 +135,8 @@ Data prepare_data(const double* values, std::size_t n, int d)
         const double v = variance(column);
         if (constant(column)) refuse_data("column " + std::to_string(j) + " is constant");
         if (!(v > 0.0) || !std::isfinite(v))
-            refuse_data("column " + std::to_string(j) + " cannot be scaled: its variance is " + format("%g", v));
+            refuse_data("column " + std::to_string(j) + " cannot be scaled: its variance is " + format("%g", v) +
+                        " (values too large or too close together)");
     }
     Data data;
     data.n = n;
