@@ -65,7 +65,7 @@ class Selection:
     sdof, sdof_unbiased : float
         The kernel's spectral degrees of freedom and its unbiased estimate.
     recommended : Recommendation or None
-        None when no row was fitted and scored with a finite criterion.
+        None when no row was fitted and scored with finite criteria.
     mixtures : list of Mixture or None
         The fit of each table row in the data's units (None where a row has
         no fit).

@@ -66,10 +66,12 @@ double criterion_value(const ModelScore& score, Criterion criterion)
     return score.qaic;
 }
 
-bool eligible(const SelectionRow& row, Criterion criterion)
+bool eligible(const SelectionRow& row, Criterion criterion, std::size_t n)
 {
     const bool bound_known = criterion != Criterion::qaic_within_bic || std::isfinite(row.score.bic);
-    return fitted(row) && bound_known && std::isfinite(criterion_value(row.score, criterion));
+    const bool few_enough = row.fit.components == 1 || row.score.parameters < static_cast<double>(n);
+    return fitted(row) && few_enough && bound_known &&
+           std::isfinite(criterion_value(row.score, criterion));
 }
 
 Recommendation recommend(const std::vector<SelectionRow>& rows, Criterion criterion)

@@ -9,8 +9,9 @@
 namespace mixrank {
 
 // Whether a row may be recommended under the rule: fitted (converged or at
-// the pass limit), scored, and the values the rule reads finite.
-bool eligible(const SelectionRow& row, Criterion criterion);
+// the pass limit), scored, a single normal or a mixture of fewer free
+// parameters than the n observations, and the values the rule reads finite.
+bool eligible(const SelectionRow& row, Criterion criterion, std::size_t n);
 
 // The eligible row the rule picks and the next best by the same ranking;
 // ties go to the earlier row (fewer components, then the model listed

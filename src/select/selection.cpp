@@ -134,7 +134,7 @@ Selection select_mixtures(const Data& data, const SelectSettings& settings, cons
             row.scaled = fits[i];
             row.fit = fits[i].weights.empty() ? fits[i] : to_data_units(fits[i], data.spreads);
             row.score = scores.models[i];
-            row.eligible = eligible(row, settings.criterion);
+            row.eligible = eligible(row, settings.criterion, data.n);
             s.rows.push_back(row);
         }
         s.recommendation = recommend(s.rows, settings.criterion);

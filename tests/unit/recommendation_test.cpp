@@ -12,6 +12,7 @@ using namespace mixrank;
 namespace {
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr std::size_t kObservations = 100;
 
 SelectionRow row(CovarianceModel model, int g, double qaic, double bic, FitStatus status = FitStatus::converged)
 {
@@ -22,6 +23,7 @@ SelectionRow row(CovarianceModel model, int g, double qaic, double bic, FitStatu
     r.score.model = model;
     r.score.components = g;
     r.score.scored = true;
+    r.score.parameters = 5.0 * g;
     r.score.qaic = qaic;
     r.score.qbic = qaic + 10.0 * g;
     r.score.bic = bic;
@@ -31,7 +33,7 @@ SelectionRow row(CovarianceModel model, int g, double qaic, double bic, FitStatu
 
 std::vector<SelectionRow> marked(std::vector<SelectionRow> rows, Criterion c)
 {
-    for (SelectionRow& r : rows) r.eligible = eligible(r, c);
+    for (SelectionRow& r : rows) r.eligible = eligible(r, c, kObservations);
     return rows;
 }
 
@@ -96,7 +98,11 @@ TEST(Recommendation, FailedFitsAndMissingValuesNeitherWinNorBound)
     EXPECT_TRUE(r.has_beyond_bound);
     EXPECT_EQ(r.beyond_bound, 7u);  // unequal g = 5 (QAIC 12) before unequal g = 3 (33)
     // The same row without a BIC is eligible where only its QAIC counts.
-    EXPECT_TRUE(eligible(rows[2], Criterion::qaic));
+    EXPECT_TRUE(eligible(rows[2], Criterion::qaic, kObservations));
+    // A mixture needs fewer parameters than observations (15 for g = 3); a single normal does not.
+    EXPECT_FALSE(eligible(rows[2], Criterion::qaic, 15));
+    EXPECT_TRUE(eligible(rows[2], Criterion::qaic, 16));
+    EXPECT_TRUE(eligible(rows[0], Criterion::qaic, 5));
 
     for (SelectionRow& x : rows) x.score.scored = false;
     rows = marked(rows, Criterion::qaic_within_bic);
