@@ -191,9 +191,9 @@ def test_merge_starts_reach_an_optimum_the_table_starts_miss():
 
 
 def _suite_generator(source_dir):
-    spec = importlib.util.spec_from_file_location("selection_suite", source_dir / "bench" / "selection_suite.py")
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
+    location = importlib.util.spec_from_file_location("selection_suite", source_dir / "bench" / "selection_suite.py")
+    module = importlib.util.module_from_spec(location)
+    location.loader.exec_module(module)
     return module.make
 
 
