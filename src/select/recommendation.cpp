@@ -10,7 +10,7 @@ namespace {
 constexpr Criterion kAll[] = {Criterion::qaic_within_bic, Criterion::qbic, Criterion::qaic, Criterion::bic,
                               Criterion::aic};
 
-bool fitted(const SelectionRow& row)
+bool fitted_and_scored(const SelectionRow& row)
 {
     return row.score.scored && (row.fit.status == FitStatus::converged || row.fit.status == FitStatus::pass_limit);
 }
@@ -70,7 +70,7 @@ bool eligible(const SelectionRow& row, Criterion criterion, std::size_t n)
 {
     const bool bound_known = criterion != Criterion::qaic_within_bic || std::isfinite(row.score.bic);
     const bool few_enough = row.fit.components == 1 || row.score.parameters < static_cast<double>(n);
-    return fitted(row) && few_enough && bound_known &&
+    return fitted_and_scored(row) && few_enough && bound_known &&
            std::isfinite(criterion_value(row.score, criterion));
 }
 

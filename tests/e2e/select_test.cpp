@@ -146,6 +146,7 @@ TEST(SelectCommand, HelpVersionAndCommandLinesThatCannotBeUsed)
     const Result help = select(w, {"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.out.rfind("Usage: mixrank-select [OPTIONS] DATA\n", 0), 0u);
+    for (const std::string& line : lines(help.out)) EXPECT_LE(line.size(), 79u) << line;  // fits a terminal
     EXPECT_EQ(select(w, {"--version"}).out, "mixrank-select 1.0\n");
     const struct { Args args; std::string message; } bad[] = {
         {{}, "no data file given"},
