@@ -14,6 +14,12 @@
 
 namespace mixrank {
 
+// Error(cancelled) when the caller's keep_going says to stop.
+inline void stop_if_cancelled(const Progress& progress)
+{
+    if (progress.keep_going && !progress.keep_going()) throw Error(Error::Kind::cancelled, "cancelled");
+}
+
 template <class F>
 auto as_library_errors(F&& f) -> decltype(f())
 {

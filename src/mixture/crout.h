@@ -46,7 +46,6 @@ public:
     void substitute(double* b) const;
 
 private:
-
     int n_;
     std::vector<double> lu_;
     std::vector<int> pivot_;

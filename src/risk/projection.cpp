@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "common/parallel.h"
-#include "mixture/crout.h"
 #include "common/settings.h"
+#include "mixture/crout.h"
 
 namespace mixrank {
 

@@ -10,11 +10,6 @@ namespace {
 constexpr Criterion kAll[] = {Criterion::qaic_within_bic, Criterion::qbic, Criterion::qaic, Criterion::bic,
                               Criterion::aic};
 
-bool fitted_and_scored(const SelectionRow& row)
-{
-    return row.score.scored && (row.fit.status == FitStatus::converged || row.fit.status == FitStatus::pass_limit);
-}
-
 // The g of the eligible row of the smallest BIC (the earlier row on ties);
 // 0 when there is none.
 int bic_components(const std::vector<SelectionRow>& rows)
@@ -66,11 +61,13 @@ double criterion_value(const ModelScore& score, Criterion criterion)
     return score.qaic;
 }
 
+bool completed(FitStatus status) { return status == FitStatus::converged || status == FitStatus::pass_limit; }
+
 bool eligible(const SelectionRow& row, Criterion criterion, std::size_t n)
 {
     const bool bound_known = criterion != Criterion::qaic_within_bic || std::isfinite(row.score.bic);
     const bool few_enough = row.fit.components == 1 || row.score.parameters < static_cast<double>(n);
-    return fitted_and_scored(row) && few_enough && bound_known &&
+    return row.score.scored && completed(row.fit.status) && few_enough && bound_known &&
            std::isfinite(criterion_value(row.score, criterion));
 }
 

@@ -8,6 +8,9 @@
 
 namespace mixrank {
 
+// Whether EM ended the fit normally: converged or at the pass limit.
+bool completed(FitStatus status);
+
 // Whether a row may be recommended under the rule: fitted (converged or at
 // the pass limit), scored, a single normal or a mixture of fewer free
 // parameters than the n observations, and the values the rule reads finite.

@@ -23,7 +23,7 @@ namespace {
 // Announces the next phase, after asking whether to go on at all.
 void say(const Progress& progress, const std::string& phase)
 {
-    if (progress.keep_going && !progress.keep_going()) throw Error(Error::Kind::cancelled, "cancelled");
+    stop_if_cancelled(progress);
     if (progress.phase) progress.phase(phase);
 }
 
@@ -81,8 +81,7 @@ void warn_about(const Data& data, Selection& s)
                                          "log-likelihood is not a number or that was abandoned)");
         if (row.score.unstable)
             s.warnings.push_back(which + ": the projection onto its score columns is unstable");
-        const bool fitted = row.fit.status == FitStatus::converged || row.fit.status == FitStatus::pass_limit;
-        if (fitted && !(std::isfinite(row.score.qaic) && std::isfinite(row.score.bic)))
+        if (completed(row.fit.status) && !(std::isfinite(row.score.qaic) && std::isfinite(row.score.bic)))
             s.warnings.push_back(which + ": its scores are not all finite at the six decimals the fits are stored "
                                          "with (a covariance close to singular); it is not recommended");
     }

@@ -242,11 +242,6 @@ public:
         target.classic_choice = classic_choice;
     }
 
-    static void stop_if_cancelled(const Progress& progress)
-    {
-        if (progress.keep_going && !progress.keep_going()) throw Error(Error::Kind::cancelled, "cancelled");
-    }
-
     // continue_fit under `stop`, kStepPasses passes at a time with a look at
     // progress in between; going on is the same as running at once.
     StartFit continue_in_steps(StartFit fit, const em_pass::Stopping& stop, const Progress& progress) const
