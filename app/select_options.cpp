@@ -34,7 +34,7 @@ const char kHelp[] =
     "      --fit=F               converge (default: EM to convergence) or classic\n"
     "                            (the classic mixrank's fits and table exactly)\n"
     "Scoring:\n"
-    "      --bandwidth=H|auto    kernel bandwidth (default: auto: see the manual)\n"
+    "      --bandwidth=H|auto    kernel bandwidth (default: auto; see the manual)\n"
     "      --criterion=C         what the recommendation minimises: qaic-within-bic\n"
     "                            (default: QAIC among the fits with at most the g\n"
     "                            of the smallest BIC), qbic, qaic, bic or aic\n"
